@@ -1,0 +1,340 @@
+// HXLCore: exceptions and their macros, the translation guard, a lock and its guard, the
+// internal string form and its buffer, CRC-32, the temporary directory and a POSIX file.
+//
+// Everything here is usable from any thread; each object serves one thread at a time unless
+// its comment says otherwise.
+#ifndef HXLCORE_H
+#define HXLCORE_H
+
+#include <cstddef>
+#include <exception>
+#include <mutex>
+#include <new>
+#include <string>
+#include <vector>
+
+// ---------------------------------------------------------------------------------------------
+// Exceptions
+// ---------------------------------------------------------------------------------------------
+
+// A place in the source: a file name (a static string, not copied) and a line.
+class HXLFileLocation {
+public:
+    HXLFileLocation(const char* file, int line) : m_file(file), m_line(line) {}
+    const char* getFile() const { return m_file; }
+    int getLine() const { return m_line; }
+
+private:
+    const char* m_file;
+    int m_line;
+};
+
+#define HXL_HERE HXLFileLocation(__FILE__, __LINE__)
+
+// One frame of an exception's way out: where it was thrown or passed on, the function name
+// given there (empty when none) and the macro that added the frame.
+struct HXLBackTraceFrame {
+    std::string file;
+    int line;
+    std::string function;
+    std::string macro;
+};
+
+// Base of every exception the library throws. what() and getText() give the text the object
+// was built with; getBackTrace() lists the frames in the order they were added (the throw
+// site first, then one per HXL_RETHROW or translation guard on the way out).
+class HXLThrowable : public std::exception {
+public:
+    explicit HXLThrowable(const char* text);
+    HXLThrowable(const HXLThrowable&) = default;
+    HXLThrowable& operator=(const HXLThrowable&) = default;
+    ~HXLThrowable() override;
+
+    const char* what() const noexcept override;
+    const char* getText() const;
+    const std::vector<HXLBackTraceFrame>& getBackTrace() const;
+
+    // Appends a frame. A null function or macro is recorded as empty.
+    void addBackTrace(const HXLFileLocation& location, const char* function, const char* macro);
+
+    // Adds a frame, then throws a copy of this object as its own dynamic type. Never returns.
+    [[noreturn]] virtual void hurl(const HXLFileLocation& location, const char* function,
+                                   const char* macro);
+
+private:
+    std::string m_text;
+    std::vector<HXLBackTraceFrame> m_backTrace;
+};
+
+// A failed HXL_ASSERT or HXL_ASSERT_NAMED; the text is the macro call as written.
+class HXLAssertError : public HXLThrowable {
+public:
+    HXLAssertError(int code, const char* text);
+    [[noreturn]] void hurl(const HXLFileLocation& location, const char* function,
+                           const char* macro) override;
+};
+
+// An operation called in a state that does not allow it.
+class HXLIllegalStateError : public HXLThrowable {
+public:
+    HXLIllegalStateError(int code, const char* text);
+    [[noreturn]] void hurl(const HXLFileLocation& location, const char* function,
+                           const char* macro) override;
+};
+
+// Memory or store space ran out. A null text gives "Out of memory".
+class HXLOutOfMemoryError : public HXLThrowable {
+public:
+    HXLOutOfMemoryError(int code, const char* text);
+    [[noreturn]] void hurl(const HXLFileLocation& location, const char* function,
+                           const char* macro) override;
+};
+
+// A standard exception caught by the translation guard; the text is e.what().
+class HXLStdExceptionError : public HXLThrowable {
+public:
+    explicit HXLStdExceptionError(const std::exception& e);
+    [[noreturn]] void hurl(const HXLFileLocation& location, const char* function,
+                           const char* macro) override;
+};
+
+namespace hxl_detail {
+template <class E>
+[[noreturn]] void hurl(const HXLFileLocation& location, E&& exception,
+                       const char* function = nullptr) {
+    exception.hurl(location, function, "HXL_THROW");
+    __builtin_unreachable(); // hurl always throws; the compiler cannot see it through the vtable
+}
+} // namespace hxl_detail
+
+// HXL_THROW(exception) or HXL_THROW(exception, "Class::function"): throws the exception with a
+// back-trace frame for this line; the function name is recorded when given.
+#define HXL_THROW(...) ::hxl_detail::hurl(HXL_HERE, __VA_ARGS__)
+
+// Inside a catch block for an HXLThrowable `e`: adds a frame for this line and rethrows.
+#define HXL_RETHROW(e)                                                                             \
+    do {                                                                                           \
+        (e).addBackTrace(HXL_HERE, nullptr, "HXL_RETHROW");                                        \
+        throw;                                                                                     \
+    } while (0)
+
+// Always active. The text of the HXLAssertError is the call as written, semicolon included:
+// HXL_ASSERT(m_pool == NULL); fails with "HXL_ASSERT(m_pool == NULL);".
+#define HXL_ASSERT(cond)                                                                           \
+    do {                                                                                           \
+        if (!(cond))                                                                               \
+            HXL_THROW(HXLAssertError(0, "HXL_ASSERT(" #cond ");"));                                \
+    } while (0)
+
+// As HXL_ASSERT; the text holds the quoted words too:
+// HXL_ASSERT_NAMED(n == 1, "Bad chunk"); fails with "HXL_ASSERT_NAMED(n == 1, "Bad chunk");".
+#define HXL_ASSERT_NAMED(cond, words)                                                              \
+    do {                                                                                           \
+        if (!(cond))                                                                               \
+            HXL_THROW(HXLAssertError(0, "HXL_ASSERT_NAMED(" #cond ", " #words ");"));              \
+    } while (0)
+
+// The translation guard around one step that can fail in a standard way:
+//
+//     HXL_TRY {
+//         m_pool = new Pool(size);
+//     } HXL_TRANSLATE("Owner::function");
+//
+// An HXLThrowable gets a back-trace frame and goes on; std::bad_alloc becomes
+// HXLOutOfMemoryError; any other std::exception becomes HXLStdExceptionError. The location
+// (may be NULL) is the function name of the frame of a translated exception.
+#define HXL_TRY try
+#define HXL_TRANSLATE(location)                                                                    \
+    catch (HXLThrowable & hxlCaught) {                                                             \
+        HXL_RETHROW(hxlCaught);                                                                    \
+    }                                                                                              \
+    catch (std::bad_alloc&) {                                                                      \
+        HXL_THROW(HXLOutOfMemoryError(0, nullptr), location);                                      \
+    }                                                                                              \
+    catch (std::exception & hxlCaught) {                                                           \
+        HXL_THROW(HXLStdExceptionError(hxlCaught), location);                                      \
+    }                                                                                              \
+    do {                                                                                           \
+    } while (0)
+
+// ---------------------------------------------------------------------------------------------
+// Lock
+// ---------------------------------------------------------------------------------------------
+
+// Something that can be locked and unlocked by the thread that holds it.
+class HXLThreadLockableResource {
+public:
+    virtual ~HXLThreadLockableResource();
+    virtual void lock() = 0;
+    virtual void unlock() = 0;
+};
+
+// A recursive critical section: the thread that holds it may take it again. The int is
+// reserved (pass 0).
+class HXLThreadCriticalSection : public HXLThreadLockableResource {
+public:
+    explicit HXLThreadCriticalSection(int reserved = 0);
+    ~HXLThreadCriticalSection() override;
+    HXLThreadCriticalSection(const HXLThreadCriticalSection&) = delete;
+    HXLThreadCriticalSection& operator=(const HXLThreadCriticalSection&) = delete;
+    void lock() override;
+    void unlock() override;
+
+private:
+    std::recursive_mutex m_mutex;
+};
+
+// Holds a lockable resource from construction to destruction.
+class HXLThreadGuard {
+public:
+    explicit HXLThreadGuard(HXLThreadLockableResource& resource);
+    ~HXLThreadGuard();
+    HXLThreadGuard(const HXLThreadGuard&) = delete;
+    HXLThreadGuard& operator=(const HXLThreadGuard&) = delete;
+
+private:
+    HXLThreadLockableResource& m_resource;
+};
+
+// ---------------------------------------------------------------------------------------------
+// Strings
+// ---------------------------------------------------------------------------------------------
+
+// An optional converter for encodings the string does not know itself. The library passes
+// null everywhere; a non-null one is not called by this implementation.
+typedef char* (*conv)(void*, char*, int, int*);
+
+// Text kept as UTF-16 code units in the machine's byte order (the internal form).
+class I18NString {
+public:
+    I18NString();
+    // From `length` bytes of `text` in `encoding`: null, "UTF-8" or "UTF8" (any case) read
+    // UTF-8, "ISO-8859-1" or "LATIN1" read Latin-1, any other name is read as UTF-8. A negative
+    // length means "up to the NUL"; a null text gives the empty string. Each invalid UTF-8
+    // sequence (maximal subpart) becomes one U+FFFD.
+    I18NString(const char* text, const char* encoding, int length, conv converter, void* context);
+    // From `size` bytes of the internal form, as getExternalBuffer() and size() expose them.
+    // A null buffer or a negative size gives the empty string; an odd last byte is dropped.
+    I18NString(const void* buffer, int size, conv converter, void* context);
+    I18NString(const I18NString& other);
+    I18NString(I18NString&& other) noexcept;
+    I18NString& operator=(const I18NString& other);
+    I18NString& operator=(I18NString&& other) noexcept;
+    ~I18NString();
+
+    bool empty() const;
+
+    // UTF-8 (for a null or UTF-8 encoding) or Latin-1 (unrepresentable characters become
+    // '?'), closed by a NUL. `length`, when not null, receives the byte count including the
+    // NUL. The text is cached: the pointer stays good until the string is changed or destroyed,
+    // or c_str is asked for the other encoding. An unpaired surrogate comes out as U+FFFD.
+    const char* c_str(const char* encoding, int* length, conv converter, void* context) const;
+
+    // The internal form: size() bytes (2 per UTF-16 unit) at getExternalBuffer().
+    int size() const;
+    const void* getExternalBuffer() const;
+
+    bool operator==(const I18NString& other) const;
+    bool operator!=(const I18NString& other) const { return !(*this == other); }
+
+private:
+    std::u16string m_units;
+    mutable std::string m_narrow;    // cache for c_str
+    mutable int m_narrowEncoding;    // what m_narrow holds; -1 while it is stale
+};
+
+// A holder of an I18NString, empty until a non-empty string is assigned and after clear().
+class HXLI18NBuffer {
+public:
+    HXLI18NBuffer();
+    HXLI18NBuffer& operator=(const I18NString& value);
+    I18NString getString() const;
+    void clear();
+    // 1 while the held string is empty, else 0.
+    int empty() const;
+
+private:
+    I18NString m_string;
+};
+
+// ---------------------------------------------------------------------------------------------
+// Utilities
+// ---------------------------------------------------------------------------------------------
+
+class HXLUtCrc32 {
+public:
+    // The standard CRC-32 (ISO-HDLC, as zlib and gzip compute it) of `length` bytes, continued
+    // from `seed` (0 to start). A null data pointer gives `seed`.
+    static unsigned int crc32(unsigned int seed, const unsigned char* data, size_t length);
+};
+
+class HXLFmDir {
+public:
+    // The temporary directory: $TMPDIR when it names a directory, else "/tmp". Returns 1.
+    static int getTempPath(I18NString& path);
+};
+
+// A file on a POSIX descriptor, unbuffered. Operations on a file that is not open fail with
+// EBADF. Every failing operation records errno for getLastErrorNumber/getLastErrorMessage;
+// success leaves the last error as it was. No operation throws.
+class HXLFmFile {
+public:
+    enum seekorigin : int { eSeekBegin = 0, eSeekCurrent = 1, eSeekEnd = 2 };
+    enum stdiotypes : int { eStdIn = 0, eStdOut = 1, eStdErr = 2 };
+    enum createmode : int {
+        eOpenExisting = 0,    // read and write an existing file
+        eOpenReadOnly = 1,    // read an existing file
+        eCreateAlways = 2,    // create, or truncate an existing file; read and write
+        eOpenAlways = 3,      // open, creating when missing; read and write
+        eCreateNew = 4,       // create; fails with EEXIST if the name exists
+        eOpenAppend = 5       // open, creating when missing; every write goes to the end
+    };
+
+    HXLFmFile();
+    HXLFmFile(const HXLFmFile&) = delete;
+    HXLFmFile& operator=(const HXLFmFile&) = delete;
+
+    // Closes the descriptor if the file owns one.
+    virtual ~HXLFmFile();
+    // Reads up to `count` bytes; returns the bytes read (0 at the end) or -1.
+    virtual int read(void* buffer, unsigned int count);
+    // Writes all `count` bytes; returns `count` or -1. Counts above 0x7FFFFFFF fail (EINVAL).
+    virtual int write(const void* data, unsigned int count);
+    // Moves the position; returns the new position or -1 (EINVAL for an unknown origin or a
+    // position before the start; EOVERFLOW past 0x7FFFFFFF).
+    virtual int seek(int offset, seekorigin origin);
+    // Copies the whole content of `other` (from its start) to the end of this file; leaves the
+    // position of both at their end. Returns 1, or 0 on failure.
+    virtual int append(HXLFmFile& other);
+    // Binds to a standard stream (not closed by this object). Returns 1, or 0.
+    virtual int open(stdiotypes stream);
+    // Opens a path; `permissions` is the mode of a created file (0 means 0666, less umask).
+    // Returns 1, or 0 (a null or empty path fails with ENOENT). Closes a file open before.
+    virtual int open(const char* path, createmode mode, int permissions);
+    virtual int open(const I18NString& path, createmode mode, int permissions);
+    // Returns 1, or 0 when nothing was open (EBADF) or close failed.
+    virtual int close();
+    // The size in bytes, or -1 (EOVERFLOW beyond 0x7FFFFFFF).
+    virtual int getLength();
+    // Pushes written bytes to the device (fsync; nothing to do for a standard stream).
+    virtual int flush();
+    // Sets the size to `length` bytes; the position is unchanged. Returns 1, or 0.
+    virtual int truncate(int length);
+    virtual unsigned int getLastErrorNumber();
+    virtual I18NString getLastErrorMessage();
+
+protected:
+    // Writes the last error to standard error as "HXLFmFile: <message> (<number>)".
+    virtual void logLastError();
+
+    // Record `error` as the last error; fail gives -1 (for counts), refuse gives 0 (for truth).
+    int fail(int error);
+    int refuse(int error);
+
+private:
+    int m_fd;
+    bool m_ownsFd;
+    unsigned int m_lastError;
+};
+
+#endif

@@ -1,0 +1,52 @@
+// Output streams: an abstract byte sink and a gzip compressor that feeds another sink.
+#ifndef ZOJSTREAMS_H
+#define ZOJSTREAMS_H
+
+// A sink of bytes. Derived classes implement write; flush and close do nothing here.
+class ZOJOutputStream {
+public:
+    virtual ~ZOJOutputStream();
+    // Takes `count` bytes at `data`.
+    virtual void write(const char* data, unsigned long long count) = 0;
+    virtual void flush();
+    virtual void close();
+};
+
+// Deflates what it is given into one gzip member (RFC 1952) per life, from the first write to
+// finish(), and passes the compressed bytes to the chained stream in pieces below 0x80000000
+// bytes. It never owns or deletes the chained stream and never calls its flush or close.
+class ZOJGZIPOutputStream : public ZOJOutputStream {
+public:
+    // The zlib level used when none is given: 6, zlib's own default.
+    static constexpr int kDefaultLevel = 6;
+
+    ZOJGZIPOutputStream();
+    // `level` 0 (store) to 9 (best); other values throw std::invalid_argument.
+    explicit ZOJGZIPOutputStream(int level);
+    // Releases the compressor. Bytes not finished are dropped: call finish() first.
+    ~ZOJGZIPOutputStream() override;
+    ZOJGZIPOutputStream(const ZOJGZIPOutputStream&) = delete;
+    ZOJGZIPOutputStream& operator=(const ZOJGZIPOutputStream&) = delete;
+
+    // Compresses `count` bytes (0 allowed); may pass compressed bytes on or hold them back.
+    // Throws std::logic_error without a chained stream or after finish().
+    void write(const char* data, unsigned long long count) override;
+    // Passes on everything compressed so far (a zlib sync flush); the member goes on.
+    void flush() override;
+    // The same as finish().
+    void close() override;
+
+    // Chains the stream that receives the compressed bytes (not owned).
+    virtual void setOutputStream(ZOJOutputStream* stream);
+    // The chained stream, or null.
+    virtual ZOJOutputStream* getOutputStream() const;
+    // Ends the member: passes on the last compressed bytes and the gzip trailer. Later calls
+    // do nothing. Throws std::logic_error without a chained stream.
+    virtual void finish();
+
+private:
+    struct State;
+    State* m_state;
+};
+
+#endif

@@ -1,0 +1,3 @@
+#include "HXLVirtualMemMgmtVersion.h"
+
+const char* HXLVirtualMemMgmtVersion() { return HXL_VERSION_STRING; }

@@ -1,0 +1,86 @@
+#ifndef HXLVIRTUALMEMORYMGR_H
+#define HXLVIRTUALMEMORYMGR_H
+
+#include "HXLVirtualPageItem.h"
+
+#include <ostream>
+
+namespace tcmalloc {
+class VirtualMemoryPool;
+}
+class HXLVirtualPageItemPool;
+
+// A per-object mapping record; this manager keeps none (getMapper gives null).
+class HXLVirtualMapper;
+
+// The one door to the paged store. It owns the paging engine and the page item pool; objects
+// are named by page items and mapped to addresses between a getAddress (or alloc) and the
+// matching dismiss. The manager takes no lock: callers serialise calls on one store.
+class HXLVirtualMemoryMgr {
+public:
+    // Accepted and ignored: every store has one mapping mode.
+    enum mappertype : int { eMapperDefault = 0, eMapperVirtual = 1 };
+    // Bits of the flags of dumpMapper.
+    enum diagflags : int { eDumpStats = 1, eDumpMapper = 2 };
+
+    // The store's resident budget comes from `a` (0 means 0x400000 bytes); b and c are ignored.
+    HXLVirtualMemoryMgr(unsigned int a, unsigned int b, int c);
+    // The budget comes from `b`; a, c and d are ignored.
+    HXLVirtualMemoryMgr(unsigned int a, unsigned int b, unsigned int c, int d);
+    // The budget comes from `b`; m, a, c and d are ignored.
+    HXLVirtualMemoryMgr(mappertype m, unsigned int a, unsigned int b, unsigned int c, int d);
+    // Deletes the page item pool, then the store: every object ends, freed or not.
+    virtual ~HXLVirtualMemoryMgr();
+    HXLVirtualMemoryMgr(const HXLVirtualMemoryMgr&) = delete;
+    HXLVirtualMemoryMgr& operator=(const HXLVirtualMemoryMgr&) = delete;
+
+    // Makes or resizes the object of `item` and returns its address with one reference held.
+    // An empty item, or a size equal to or above item.getSize(), makes a new object (the old
+    // one's bytes are copied over and it is freed); a smaller size shrinks in place. Throws
+    // HXLOutOfMemoryError when the store gives no address.
+    void* alloc(unsigned int size, HXLVirtualPageItem& item);
+    // Ends the object of a live item and sets its offset to 0; the size stays.
+    void free(HXLVirtualPageItem& item);
+    // Marks the object of a live item as changed. Writers need not call it.
+    void dirty(HXLVirtualPageItem& item);
+    // Gives back one reference on the object of a live item (or offset).
+    void dismiss(HXLVirtualPageItem& item);
+    void dismiss(unsigned long long offset);
+    // The address of the object of a live item (or offset), with one reference taken; null for
+    // an empty or invalid item or when the store cannot give it. Pass 1 as `flag`.
+    void* getAddress(HXLVirtualPageItem& item, int flag);
+    void* getAddress(unsigned long long offset, int flag);
+
+    // Stores `size` bytes at `data` in an object shared with every other caller of equal bytes
+    // that the page item pool still remembers; `item` names it afterwards. No reference is
+    // left held. Null data or size 0 leave `item` alone.
+    void allocUsingPool(const void* data, unsigned int size, HXLVirtualPageItem& item);
+    // The most entries the page item pool remembers (1000 at first).
+    void setVirtualPageItemPoolSize(unsigned int size);
+
+    // Does nothing.
+    virtual void pageOut(unsigned int);
+    // Does nothing.
+    void setDiagnosticMode(diagflags);
+    // Always null.
+    HXLVirtualMapper* getMapper(unsigned long long offset) const;
+
+    // The process-wide switch of throwExceptionOnReferenceLeak (0 off, at first).
+    static int getExceptionOnReferenceLeak();
+    static void setExceptionOnReferenceLeak(int on);
+    // With the switch on: empties the page item pool, then throws HXLIllegalStateError when any
+    // object of the store holds a reference. With it off: does nothing.
+    void throwExceptionOnReferenceLeak();
+
+    // Writes the store's report to `os`; `flags` holds diagflags bits.
+    void dumpMapper(std::ostream& os, int flags);
+
+private:
+    void initialize(unsigned int storeSize);
+
+    tcmalloc::VirtualMemoryPool* m_pool;
+    HXLVirtualPageItemPool* m_pageItemPool;
+    static int m_exceptionOnReferenceLeak;
+};
+
+#endif
