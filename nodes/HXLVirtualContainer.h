@@ -1,0 +1,81 @@
+#ifndef HXLVIRTUALCONTAINER_H
+#define HXLVIRTUALCONTAINER_H
+
+#include "HXLVirtualMemoryMgr.h"
+#include "HXLVirtualPageItem.h"
+
+#include <map>
+#include <ostream>
+
+class HXLVirtualContainer;
+class HXLVirtualPersistNode;
+
+// Makes a new node of one class in the container's store and returns it with one reference
+// held. The static `create` of every node class has this type.
+typedef HXLVirtualPersistNode* (*NodeCreator)(HXLVirtualContainer*);
+
+// Ties one memory manager to a registry of node creators. Every stored node knows its container
+// and reaches other stored objects through it. The registry lives in process memory and is the
+// only link from a class identifier to code; existing nodes are reached by offset alone.
+//
+// No operation takes a lock: register every creator before other threads use the container,
+// and serialise calls on the store as the manager requires.
+class HXLVirtualContainer {
+public:
+    // Builds and owns a manager made as HXLVirtualMemoryMgr(a, b, c): `a` is the resident
+    // budget in bytes (0: the manager's default). Failures to build it leave by the translation
+    // guard's exceptions, and no container exists then.
+    HXLVirtualContainer(unsigned int a, unsigned int b, int c);
+    // Builds and owns a manager made as HXLVirtualMemoryMgr(type, a, a, b, c), so `a` is the
+    // budget here too.
+    HXLVirtualContainer(HXLVirtualMemoryMgr::mappertype type, unsigned int a, unsigned int b,
+                        int c);
+    // Uses `memMgr` without owning it; it must outlive this container and may serve several.
+    explicit HXLVirtualContainer(HXLVirtualMemoryMgr* memMgr);
+    // Deletes the manager if this container built it, which ends every object of its store at
+    // once; no node is visited. A borrowed manager and its store stay as they are.
+    virtual ~HXLVirtualContainer();
+    HXLVirtualContainer(const HXLVirtualContainer&) = delete;
+    HXLVirtualContainer& operator=(const HXLVirtualContainer&) = delete;
+
+    // Registers the creator of the class `classId`. The first registration of an identifier
+    // stands: later ones, with any creator, are ignored. A null creator is stored as such and
+    // makes createNode give null for that identifier.
+    void registerNodeCreator(unsigned int classId, NodeCreator creator);
+    // A new node of the class registered under `classId`, in no tree, with one reference held
+    // for the caller. Null when nothing (or a null creator) is registered under the
+    // identifier. Throws HXLOutOfMemoryError when the creator gives null; what the creator
+    // throws passes through.
+    HXLVirtualPersistNode* createNode(unsigned int classId);
+    // The live node whose block starts at `offset`, with one more reference on it that the
+    // caller gives back with dismiss. Null (no reference) for 0, kInvalidOffset or an offset
+    // the store cannot map. The offset must name a node's block: nothing here can tell.
+    HXLVirtualPersistNode* getNode(unsigned long long offset);
+    // The same for the item's offset; its size plays no part.
+    HXLVirtualPersistNode* getNode(HXLVirtualPageItem& item);
+
+    // The manager's operations of the same names, with the arguments unchanged.
+    void* alloc(unsigned int size, HXLVirtualPageItem& item);
+    void free(HXLVirtualPageItem& item);
+    void dismiss(unsigned long long offset);
+    void dismiss(HXLVirtualPageItem& item);
+    void* getAddress(HXLVirtualPageItem& item, int flag);
+    // Have no effect, and reach nothing: node fields are written through mapped addresses.
+    void dirty(HXLVirtualPageItem& item);
+    void unMap(unsigned long long offset);
+
+    // The manager of the store, built or borrowed.
+    HXLVirtualMemoryMgr* getMemoryMgr() const { return m_memoryMgr; }
+
+    // The store's report with statistics: the manager's dumpMapper(os, 3).
+    void dumpMapper(std::ostream& os);
+
+private:
+    void* getAddress(unsigned long long offset, int flag);
+
+    std::map<unsigned int, NodeCreator> m_nodeCreators;
+    int m_ownsMemoryMgr;
+    HXLVirtualMemoryMgr* m_memoryMgr;
+};
+
+#endif
