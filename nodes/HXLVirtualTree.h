@@ -1,0 +1,42 @@
+#ifndef HXLVIRTUALTREE_H
+#define HXLVIRTUALTREE_H
+
+#include "HXLVirtualContainer.h"
+#include "HXLVirtualTreeNode.h"
+
+#include <ostream>
+
+// A container with a root. The root is an HXLVirtualTreeNode on the process heap with the page
+// offset kInvalidOffset: it is never paged, needs no reference, and lives exactly as long as
+// the tree. Applications attach stored nodes to it; its children link to it by address.
+class HXLVirtualTree : public HXLVirtualContainer {
+public:
+    // The container's constructors, each followed by the root (whose onInit runs). If the
+    // root cannot be made, or its onInit throws, nothing is left: a manager that was built
+    // is gone again.
+    HXLVirtualTree(unsigned int a, unsigned int b, int c);
+    HXLVirtualTree(HXLVirtualMemoryMgr::mappertype type, unsigned int a, unsigned int b, int c);
+    explicit HXLVirtualTree(HXLVirtualMemoryMgr* memMgr);
+    // Deletes the root, then the container part. No stored node is visited: over a borrowed
+    // manager they stay allocated, holding addresses of this dead tree and root.
+    ~HXLVirtualTree() override;
+
+    // The root; no reference is taken or owed.
+    HXLVirtualTreeNode* getRootNode() { return m_rootNode; }
+
+    // Writes "**Dump of Virtual Tree**", a blank line, then one line per node: `node` (null: the
+    // root) at depth 0 with its subtree, then each of its later siblings with theirs, each
+    // line "-" times the depth, "Node: Class: ", the class name and the node's own dump text;
+    // and a closing blank line. Changes nothing and leaves no reference behind. `node` needs
+    // no reference of the dump's own: a stored one is mapped again for the walk.
+    void dumpTree(HXLVirtualTreeNode* node, std::ostream& os);
+
+private:
+    void createRootNode();
+    void dumpTreeNode(HXLVirtualTreeNode* node, std::ostream& os, int level);
+    void dumpNodeLine(HXLVirtualTreeNode* node, std::ostream& os, int level);
+
+    HXLVirtualTreeNode* m_rootNode;
+};
+
+#endif
