@@ -239,8 +239,8 @@ public:
 
 private:
     std::u16string m_units;
-    mutable std::string m_narrow;    // cache for c_str
-    mutable int m_narrowEncoding;    // what m_narrow holds; -1 while it is stale
+    mutable std::string m_narrow; // cache for c_str
+    mutable int m_narrowEncoding; // what m_narrow holds; -1 while it is stale
 };
 
 // A holder of an I18NString, empty until a non-empty string is assigned and after clear().
@@ -282,12 +282,12 @@ public:
     enum seekorigin : int { eSeekBegin = 0, eSeekCurrent = 1, eSeekEnd = 2 };
     enum stdiotypes : int { eStdIn = 0, eStdOut = 1, eStdErr = 2 };
     enum createmode : int {
-        eOpenExisting = 0,    // read and write an existing file
-        eOpenReadOnly = 1,    // read an existing file
-        eCreateAlways = 2,    // create, or truncate an existing file; read and write
-        eOpenAlways = 3,      // open, creating when missing; read and write
-        eCreateNew = 4,       // create; fails with EEXIST if the name exists
-        eOpenAppend = 5       // open, creating when missing; every write goes to the end
+        eOpenExisting = 0, // read and write an existing file
+        eOpenReadOnly = 1, // read an existing file
+        eCreateAlways = 2, // create, or truncate an existing file; read and write
+        eOpenAlways = 3,   // open, creating when missing; read and write
+        eCreateNew = 4,    // create; fails with EEXIST if the name exists
+        eOpenAppend = 5    // open, creating when missing; every write goes to the end
     };
 
     HXLFmFile();

@@ -140,6 +140,9 @@ public:
 
     // Replaces the page file I/O calls (null restores the POSIX ones).
     void SetIo(const VirtualMemoryIo* io);
+    // Walks the whole store and aborts with a message if any of the engine's invariants is
+    // broken. Costs time in proportion to the store; meant for tests.
+    void Verify() const;
 
 private:
     class Engine;

@@ -9,7 +9,8 @@ int demoCore(std::ostream& os) {
     int failures = 0;
     os << "== Core library ==\n";
 
-    const char* utf8 = "Gr\xC3\xBC\xC3\x9F" "e \xE2\x82\xAC \xF0\x9F\x98\x80";
+    const char* utf8 = "Gr\xC3\xBC\xC3\x9F"
+                       "e \xE2\x82\xAC \xF0\x9F\x98\x80";
     I18NString text(utf8, nullptr, -1, nullptr, nullptr);
     int length = 0;
     const char* back = text.c_str(nullptr, &length, nullptr, nullptr);

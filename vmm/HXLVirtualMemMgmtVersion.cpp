@@ -1,3 +1,5 @@
 #include "HXLVirtualMemMgmtVersion.h"
 
-const char* HXLVirtualMemMgmtVersion() { return HXL_VERSION_STRING; }
+const char* HXLVirtualMemMgmtVersion() {
+    return HXL_VERSION_STRING;
+}

@@ -236,7 +236,9 @@ int HXLFmFile::truncate(int length) {
     return 1;
 }
 
-unsigned int HXLFmFile::getLastErrorNumber() { return m_lastError; }
+unsigned int HXLFmFile::getLastErrorNumber() {
+    return m_lastError;
+}
 
 I18NString HXLFmFile::getLastErrorMessage() {
     if (m_lastError == 0)

@@ -4,10 +4,16 @@ HXLThreadLockableResource::~HXLThreadLockableResource() = default;
 
 HXLThreadCriticalSection::HXLThreadCriticalSection(int) {}
 HXLThreadCriticalSection::~HXLThreadCriticalSection() = default;
-void HXLThreadCriticalSection::lock() { m_mutex.lock(); }
-void HXLThreadCriticalSection::unlock() { m_mutex.unlock(); }
+void HXLThreadCriticalSection::lock() {
+    m_mutex.lock();
+}
+void HXLThreadCriticalSection::unlock() {
+    m_mutex.unlock();
+}
 
 HXLThreadGuard::HXLThreadGuard(HXLThreadLockableResource& resource) : m_resource(resource) {
     m_resource.lock();
 }
-HXLThreadGuard::~HXLThreadGuard() { m_resource.unlock(); }
+HXLThreadGuard::~HXLThreadGuard() {
+    m_resource.unlock();
+}

@@ -4,11 +4,17 @@ HXLThrowable::HXLThrowable(const char* text) : m_text(text ? text : "") {}
 
 HXLThrowable::~HXLThrowable() = default;
 
-const char* HXLThrowable::what() const noexcept { return m_text.c_str(); }
+const char* HXLThrowable::what() const noexcept {
+    return m_text.c_str();
+}
 
-const char* HXLThrowable::getText() const { return m_text.c_str(); }
+const char* HXLThrowable::getText() const {
+    return m_text.c_str();
+}
 
-const std::vector<HXLBackTraceFrame>& HXLThrowable::getBackTrace() const { return m_backTrace; }
+const std::vector<HXLBackTraceFrame>& HXLThrowable::getBackTrace() const {
+    return m_backTrace;
+}
 
 void HXLThrowable::addBackTrace(const HXLFileLocation& location, const char* function,
                                 const char* macro) {
@@ -17,8 +23,7 @@ void HXLThrowable::addBackTrace(const HXLFileLocation& location, const char* fun
                                             macro ? macro : ""});
 }
 
-void HXLThrowable::hurl(const HXLFileLocation& location, const char* function,
-                        const char* macro) {
+void HXLThrowable::hurl(const HXLFileLocation& location, const char* function, const char* macro) {
     addBackTrace(location, function, macro);
     throw *this;
 }

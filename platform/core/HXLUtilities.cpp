@@ -1,8 +1,8 @@
 #include "HXLCore.h"
 
-#include <sys/stat.h>
 #include <climits>
 #include <cstdlib>
+#include <sys/stat.h>
 #include <zlib.h>
 
 unsigned int HXLUtCrc32::crc32(unsigned int seed, const unsigned char* data, size_t length) {

@@ -10,9 +10,8 @@ const char16_t kReplacement = 0xFFFD;
 enum class Encoding { Utf8, Latin1 };
 
 Encoding encodingOf(const char* name) {
-    if (name != nullptr &&
-        (strcasecmp(name, "ISO-8859-1") == 0 || strcasecmp(name, "LATIN1") == 0 ||
-         strcasecmp(name, "ISO8859-1") == 0))
+    if (name != nullptr && (strcasecmp(name, "ISO-8859-1") == 0 ||
+                            strcasecmp(name, "LATIN1") == 0 || strcasecmp(name, "ISO8859-1") == 0))
         return Encoding::Latin1;
     return Encoding::Utf8;
 }
@@ -189,7 +188,9 @@ I18NString& I18NString::operator=(I18NString&& other) noexcept {
 
 I18NString::~I18NString() = default;
 
-bool I18NString::empty() const { return m_units.empty(); }
+bool I18NString::empty() const {
+    return m_units.empty();
+}
 
 const char* I18NString::c_str(const char* encoding, int* length, conv, void*) const {
     const int wanted = static_cast<int>(encodingOf(encoding));
@@ -203,11 +204,17 @@ const char* I18NString::c_str(const char* encoding, int* length, conv, void*) co
     return m_narrow.c_str();
 }
 
-int I18NString::size() const { return static_cast<int>(m_units.size() * 2); }
+int I18NString::size() const {
+    return static_cast<int>(m_units.size() * 2);
+}
 
-const void* I18NString::getExternalBuffer() const { return m_units.data(); }
+const void* I18NString::getExternalBuffer() const {
+    return m_units.data();
+}
 
-bool I18NString::operator==(const I18NString& other) const { return m_units == other.m_units; }
+bool I18NString::operator==(const I18NString& other) const {
+    return m_units == other.m_units;
+}
 
 HXLI18NBuffer::HXLI18NBuffer() = default;
 
@@ -216,8 +223,14 @@ HXLI18NBuffer& HXLI18NBuffer::operator=(const I18NString& value) {
     return *this;
 }
 
-I18NString HXLI18NBuffer::getString() const { return m_string; }
+I18NString HXLI18NBuffer::getString() const {
+    return m_string;
+}
 
-void HXLI18NBuffer::clear() { m_string = I18NString(); }
+void HXLI18NBuffer::clear() {
+    m_string = I18NString();
+}
 
-int HXLI18NBuffer::empty() const { return m_string.empty() ? 1 : 0; }
+int HXLI18NBuffer::empty() const {
+    return m_string.empty() ? 1 : 0;
+}
