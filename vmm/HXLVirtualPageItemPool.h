@@ -1,0 +1,63 @@
+#ifndef HXLVIRTUALPAGEITEMPOOL_H
+#define HXLVIRTUALPAGEITEMPOOL_H
+
+#include "HXLVirtualPageItem.h"
+
+#include <list>
+#include <map>
+#include <utility>
+
+class HXLVirtualMemoryMgr;
+
+// A bounded cache from block contents to the store object that holds them, so that holders of
+// equal bytes share one object. Keys are heap copies of the bytes; a lookup compares bytes and
+// never maps a store object. The pool holds no reference on any object and never frees one.
+// Entries are evicted least recently used first.
+//
+// Invariants: m_entries and m_lru hold the same entries; an entry's key in both shares the one
+// heap copy of the bytes, which the list's entry frees; list positions stay valid when a node
+// moves inside the list, so a move never touches m_entries.
+class HXLVirtualPageItemPool {
+public:
+    // A key: `m_size` bytes at `m_data` (a heap copy owned by the pool, or the caller's block
+    // during a lookup).
+    struct PoolEntry {
+        const void* m_data;
+        unsigned int m_size;
+    };
+
+    // Orders keys by size first, then by their bytes compared as unsigned chars.
+    struct cmp_void {
+        bool operator()(const PoolEntry& a, const PoolEntry& b) const;
+    };
+
+    // `memoryMgr` is the manager that owns this pool (not owned). The limit is 1000 entries
+    // unless given.
+    explicit HXLVirtualPageItemPool(HXLVirtualMemoryMgr* memoryMgr);
+    HXLVirtualPageItemPool(HXLVirtualMemoryMgr* memoryMgr, unsigned int size);
+    // Forgets every entry (reset), swallowing what that throws. Touches no store object.
+    ~HXLVirtualPageItemPool();
+    HXLVirtualPageItemPool(const HXLVirtualPageItemPool&) = delete;
+    HXLVirtualPageItemPool& operator=(const HXLVirtualPageItemPool&) = delete;
+
+    // Makes `item` name a store object holding exactly the `size` bytes at `data`: a
+    // remembered one (no allocation, no reference, what `item` named before is not released),
+    // or a new one made by the manager's alloc from `item` as it stands, filled and dismissed.
+    // Null data or size 0 leave `item` alone. A miss evicts at most one entry. The caller's
+    // block is not kept.
+    void set(const void* data, unsigned int size, HXLVirtualPageItem& item);
+    // Forgets every entry; store objects stay allocated.
+    void reset();
+    // The most entries kept; takes effect at the next miss, which removes at most one.
+    void setPoolSize(unsigned int size);
+
+private:
+    typedef std::list<std::pair<PoolEntry, HXLVirtualPageItem>> LruList;
+
+    std::map<PoolEntry, LruList::iterator, cmp_void> m_entries;
+    LruList m_lru; // most recently used first
+    HXLVirtualMemoryMgr* m_memoryMgr;
+    unsigned int m_poolSize;
+};
+
+#endif
