@@ -1,0 +1,271 @@
+#include "HXLVirtualFile.h"
+
+#include "HXLVirtualMemoryMgr.h"
+
+#include <cstring>
+
+namespace {
+
+const unsigned int kDefaultPageSize = 8192;
+// Stands for "the present position" in dismissBuffer; it is never a valid position itself.
+const unsigned int kCurrentPosition = 0xFFFFFFFF;
+
+} // namespace
+
+// ---------------------------------------------------------------------------------------------
+// The compressor's sink
+// ---------------------------------------------------------------------------------------------
+
+HXLVirtualFile::HXLVirtualFileOuputStream::HXLVirtualFileOuputStream() : m_vfileIo(NULL) {}
+
+HXLVirtualFile::HXLVirtualFileOuputStream::~HXLVirtualFileOuputStream() {
+    m_vfileIo = NULL;
+}
+
+void HXLVirtualFile::HXLVirtualFileOuputStream::init(HXLVirtualFile& file) {
+    m_vfileIo = &file;
+}
+
+void HXLVirtualFile::HXLVirtualFileOuputStream::write(const char* data, unsigned long long count) {
+    // Spelled out rather than through HXL_ASSERT so that the frame names the file class.
+    if (!m_vfileIo)
+        HXL_THROW(HXLAssertError(0, "HXL_ASSERT(m_vfileIo);"), "HXLVirtualFile");
+    // Through the virtual table: a derived file sees compressed bytes as it sees plain ones.
+    m_vfileIo->writeImpl(data, static_cast<unsigned int>(count));
+}
+
+void HXLVirtualFile::HXLVirtualFileOuputStream::flush() {}
+
+void HXLVirtualFile::HXLVirtualFileOuputStream::close() {}
+
+// ---------------------------------------------------------------------------------------------
+// The file
+// ---------------------------------------------------------------------------------------------
+
+HXLVirtualFile::HXLVirtualFile()
+    : HXLFmFile(), m_outputStream(), m_gzipStream(NULL), m_compress(false), m_pages(),
+      m_memoryMgr(NULL), m_position(0), m_length(0), m_pageSize(kDefaultPageSize),
+      m_currentBuffer(NULL), m_ownsMemoryMgr(false) {}
+
+HXLVirtualFile::~HXLVirtualFile() {
+    try {
+        if (m_currentBuffer)
+            dismissBuffer(kCurrentPosition);
+        // reset ends a running compressor and gives back the page its last bytes mapped.
+        if (m_ownsMemoryMgr) {
+            reset(false);
+            HXLVirtualMemoryMgr* store = m_memoryMgr;
+            m_memoryMgr = NULL; // before the delete: the clean-up below must not repeat it
+            delete store;
+        } else {
+            reset(true);
+        }
+        m_memoryMgr = NULL;
+    } catch (...) {
+    }
+    // Only when a step above threw (the compressor's last bytes could not be stored): end what
+    // is left, so that neither the compressor, a reference nor an owned store outlives the
+    // file.
+    try {
+        if (m_currentBuffer && m_memoryMgr)
+            dismissBuffer(kCurrentPosition);
+    } catch (...) {
+    }
+    m_currentBuffer = NULL;
+    delete m_gzipStream;
+    m_gzipStream = NULL;
+    if (m_ownsMemoryMgr) {
+        try {
+            delete m_memoryMgr;
+        } catch (...) {
+        }
+    }
+    m_memoryMgr = NULL;
+}
+
+void HXLVirtualFile::open(HXLVirtualMemoryMgr* store, unsigned int /*unused*/,
+                          unsigned int pageSize, bool compress) {
+    // Every position computation divides by the page size.
+    m_pageSize = pageSize != 0 ? pageSize : kDefaultPageSize;
+    m_memoryMgr = store;
+    if (compress) {
+        m_outputStream.init(*this);
+        m_compress = true;
+    }
+}
+
+void HXLVirtualFile::open(unsigned int storeSize, unsigned int unused, unsigned int pageSize,
+                          bool compress) {
+    m_ownsMemoryMgr = true;
+    HXLVirtualMemoryMgr* store = NULL;
+    HXL_TRY {
+        store = new HXLVirtualMemoryMgr(storeSize, 0, 64);
+    }
+    HXL_TRANSLATE("HXLVirtualFile");
+    if (store == NULL)
+        HXL_THROW(HXLOutOfMemoryError(0, NULL), "HXLVirtualFile");
+    // Held before the call, so the destructor deletes the store even if an override throws.
+    m_memoryMgr = store;
+    open(store, unused, pageSize, compress);
+}
+
+HXLVirtualPageItem& HXLVirtualFile::getPage(unsigned int position) {
+    const unsigned int index = position < m_pageSize ? 0 : position / m_pageSize;
+    if (m_pages.size() <= index)
+        m_pages.resize(static_cast<size_t>(index) + 1); // blank entries: no block yet
+    return m_pages[index];
+}
+
+HXLVirtualPageItem& HXLVirtualFile::getCurrentPage() {
+    return getPage(m_position);
+}
+
+char* HXLVirtualFile::getCurrentBuffer() {
+    if (m_currentBuffer)
+        return m_currentBuffer;
+    HXLVirtualPageItem& page = getCurrentPage();
+    if (page.empty())
+        m_currentBuffer = static_cast<char*>(m_memoryMgr->alloc(m_pageSize, page));
+    else
+        m_currentBuffer = static_cast<char*>(m_memoryMgr->getAddress(page, 1));
+    return m_currentBuffer;
+}
+
+void HXLVirtualFile::dismissBuffer(unsigned int position) {
+    if (!m_currentBuffer)
+        return;
+    if (position == kCurrentPosition)
+        position = m_position;
+    m_memoryMgr->dismiss(getPage(position));
+    m_currentBuffer = NULL;
+}
+
+bool HXLVirtualFile::inSamePage(unsigned int a, unsigned int b) const {
+    return a / m_pageSize == b / m_pageSize;
+}
+
+int HXLVirtualFile::read(void* buffer, unsigned int count) {
+    if (count == 0)
+        return 0;
+    char* out = static_cast<char*>(buffer);
+    unsigned int total = 0;
+    unsigned int remaining = count;
+    while (remaining > 0) {
+        if (m_position == m_length)
+            break;
+        const char* page = getCurrentBuffer();
+        const unsigned int offset = m_position % m_pageSize;
+        // The last page holds only up to the length.
+        const unsigned int available = (m_length / m_pageSize == m_position / m_pageSize)
+                                           ? m_length % m_pageSize - offset
+                                           : m_pageSize - offset;
+        const unsigned int chunk = remaining < available ? remaining : available;
+        std::memcpy(out + total, page + offset, chunk);
+        // Leaving the page: give it back while m_position still names it.
+        if (offset + chunk == m_pageSize)
+            dismissBuffer(m_position);
+        m_position += chunk;
+        total += chunk;
+        remaining -= chunk;
+    }
+    return static_cast<int>(total);
+}
+
+int HXLVirtualFile::write(const void* data, unsigned int count) {
+    if (!m_compress)
+        return static_cast<int>(static_cast<unsigned int>(writeImpl(data, count)));
+    if (m_gzipStream == NULL) {
+        HXL_TRY {
+            m_gzipStream = new ZOJGZIPOutputStream();
+        }
+        HXL_TRANSLATE("HXLVirtualFile");
+        if (m_gzipStream == NULL)
+            HXL_THROW(HXLOutOfMemoryError(0, NULL), "HXLVirtualFile");
+        m_gzipStream->setOutputStream(&m_outputStream);
+    }
+    // An empty write goes on as well: it starts the member even when nothing follows.
+    m_gzipStream->write(static_cast<const char*>(data), count);
+    return static_cast<int>(count);
+}
+
+unsigned long long HXLVirtualFile::writeImpl(const void* data, unsigned int count) {
+    if (count == 0)
+        return 0;
+    const char* in = static_cast<const char*>(data);
+    unsigned int total = 0;
+    unsigned int remaining = count;
+    while (remaining > 0) {
+        char* page = getCurrentBuffer();
+        const unsigned int offset = m_position % m_pageSize;
+        const unsigned int room = m_pageSize - offset;
+        const unsigned int chunk = remaining < room ? remaining : room;
+        std::memcpy(page + offset, in + total, chunk);
+        // Leaving the page: give it back while m_position still names it.
+        if (offset + chunk == m_pageSize)
+            dismissBuffer(m_position);
+        m_position += chunk;
+        total += chunk;
+        remaining -= chunk;
+        // Behind every piece, so that a failed allocation of the next page leaves the length
+        // true for what is stored.
+        if (m_position > m_length)
+            m_length = m_position;
+    }
+    // The total is a signed 32-bit count, widened with its sign.
+    return static_cast<unsigned long long>(static_cast<long long>(static_cast<int>(total)));
+}
+
+int HXLVirtualFile::seek(int offset, HXLFmFile::seekorigin origin) {
+    const unsigned int oldPosition = m_position;
+    const unsigned int delta = static_cast<unsigned int>(offset); // wraps: a negative offset
+    if (origin == HXLFmFile::eSeekCurrent)
+        m_position = oldPosition + delta;
+    else if (origin == HXLFmFile::eSeekEnd)
+        m_position = m_length + delta;
+    else
+        m_position = delta;
+    if (m_position > m_length)
+        m_length = m_position;
+    if (inSamePage(oldPosition, m_position) || m_currentBuffer == NULL)
+        return static_cast<int>(m_position);
+    dismissBuffer(oldPosition);
+    return static_cast<int>(m_position);
+}
+
+int HXLVirtualFile::getLength() {
+    return static_cast<int>(m_length);
+}
+
+int HXLVirtualFile::close() {
+    if (m_currentBuffer) {
+        m_memoryMgr->dismiss(getCurrentPage());
+        m_currentBuffer = NULL;
+    }
+    if (m_gzipStream) {
+        // If finish throws, the compressor stays: a later close or the destructor ends it.
+        m_gzipStream->finish();
+        delete m_gzipStream;
+        m_gzipStream = NULL;
+    }
+    // The compressor's last bytes may have left a page mapped; that is fine while the position
+    // stays in that page, and reset and the destructor give it back.
+    return 1;
+}
+
+void HXLVirtualFile::reset(bool disposePages) {
+    close();
+    // A compressor finished by close may have mapped the page at the position. The position
+    // is about to move to 0, where that mapping would be taken for page 0's: give it back now.
+    if (m_currentBuffer)
+        dismissBuffer(kCurrentPosition);
+    if (disposePages)
+        dispose();
+    m_position = 0;
+    m_length = 0;
+}
+
+void HXLVirtualFile::dispose() {
+    // A page item owns nothing: dropping the entries frees and dismisses nothing.
+    while (!m_pages.empty())
+        m_pages.pop_back();
+}

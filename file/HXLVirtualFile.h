@@ -1,0 +1,128 @@
+#ifndef HXLVIRTUALFILE_H
+#define HXLVIRTUALFILE_H
+
+#include "HXLCore.h"
+#include "HXLVirtualPageItem.h"
+#include "ZOJStreams.h"
+
+#include <vector>
+
+class HXLVirtualMemoryMgr;
+
+// A byte stream kept in pages of the store instead of on a disk. Each page is one block of
+// the page size, allocated on first touch; the table of pages, the position and the length
+// live in this object, so the content is reachable only through it and ends with it.
+//
+// One position serves reading and writing. At most one page is mapped at a time, with one
+// reference held on it: a transfer that stops inside a page keeps that page mapped for the
+// next one. Positions and the length are unsigned 32-bit byte counts.
+//
+// Opened with compression, write() deflates into successive gzip members (one from the first
+// write after a close() up to the next close()); read() gives the stored, compressed bytes.
+//
+// The file never frees a block: an owned manager takes them with it, a borrowed manager keeps
+// them until it ends. One thread at a time.
+class HXLVirtualFile : public HXLFmFile {
+public:
+    // The sink through which the compressor hands its output to the file's writeImpl. It lives
+    // inside its file and is bound to it by the open() that asks for compression.
+    class HXLVirtualFileOuputStream : public ZOJOutputStream {
+    public:
+        HXLVirtualFileOuputStream();
+        // Unbinds; owns nothing.
+        ~HXLVirtualFileOuputStream() override;
+        HXLVirtualFileOuputStream(const HXLVirtualFileOuputStream&) = delete;
+        HXLVirtualFileOuputStream& operator=(const HXLVirtualFileOuputStream&) = delete;
+
+        // Binds to the file that receives the bytes (not owned).
+        void init(HXLVirtualFile& file);
+        // Stores the bytes through the bound file's writeImpl at its position; only the low 32
+        // bits of `count` are used. Throws HXLAssertError ("HXL_ASSERT(m_vfileIo);") when not
+        // bound.
+        void write(const char* data, unsigned long long count) override;
+        // Do nothing.
+        void flush() override;
+        void close() override;
+
+    private:
+        HXLVirtualFile* m_vfileIo;
+    };
+
+    // Not open: no store, no pages, page size 8192.
+    HXLVirtualFile();
+    // Ends a running compressor and the mapping; deletes the manager if the file made it.
+    // Lets no exception out. Blocks of a borrowed manager stay in its store.
+    ~HXLVirtualFile() override;
+
+    // Copies up to `count` bytes from the position on into `buffer` and moves the position by
+    // as many. Returns the bytes copied: fewer than `count` only at the end of the data, 0
+    // there. Pages in a gap left by a seek get their blocks here, with whatever bytes a fresh
+    // block holds. Throws what the manager throws when a page cannot be allocated.
+    int read(void* buffer, unsigned int count) override;
+    // Without compression: stores `count` bytes at the position, moves it and lengthens the
+    // file as needed; returns the low 32 bits of writeImpl's result. With compression: hands
+    // the bytes to the running compressor (made here if there is none) and returns `count`,
+    // however much of it has reached the pages yet.
+    int write(const void* data, unsigned int count) override;
+    // Moves the position to `offset` from the start (origin 0 or any value other than 1 and
+    // 2), from the position (1) or from the length (2), wrapping at 32 bits. A position past
+    // the end lengthens the file at once without making pages. Returns the position as int.
+    int seek(int offset, HXLFmFile::seekorigin origin) override;
+    // Gives back the mapped page and finishes a running compressor (its last bytes are stored
+    // at the position). The content, position and length stay. Returns 1.
+    int close() override;
+    // The length in bytes, as int.
+    int getLength() override;
+
+    // The base's path and standard-stream forms, which do not apply to a virtual file.
+    using HXLFmFile::open;
+
+    // Works in `store` (borrowed; must outlive the file) with pages of `pageSize` bytes (0 means
+    // 8192). `unused` has no effect. Compression is turned on by `compress` and can't be turned
+    // off. Position, length and table are left as they are; call it once.
+    virtual void open(HXLVirtualMemoryMgr* store, unsigned int unused, unsigned int pageSize,
+                      bool compress);
+    // As above, in a store that the file makes with a resident budget of `storeSize` bytes (0
+    // means the manager's default) and deletes with itself. Throws HXLOutOfMemoryError when
+    // the store cannot be made.
+    virtual void open(unsigned int storeSize, unsigned int unused, unsigned int pageSize,
+                      bool compress);
+    // Closes the file, then empties it: position and length 0. With `disposePages` the table
+    // of pages is given up too and later writes take new blocks; without, the old blocks are
+    // written over again. No mapping is left behind.
+    virtual void reset(bool disposePages);
+    // Forgets the table of pages without freeing or dismissing anything. Use reset(true)
+    // unless no page is mapped.
+    virtual void dispose();
+
+protected:
+    // Stores `count` (at most 0x7FFFFFFF) bytes at the position, page by page, moving the
+    // position and lengthening the file behind each page's piece. Every stored byte, plain or
+    // compressed, comes through here. Returns `count`.
+    virtual unsigned long long writeImpl(const void* data, unsigned int count);
+
+private:
+    // The table entry of the page that holds byte `position`; the table grows to reach it.
+    // Good until the table next grows.
+    HXLVirtualPageItem& getPage(unsigned int position);
+    HXLVirtualPageItem& getCurrentPage();
+    // The mapping of the page at the position; maps it, allocating its block on first touch,
+    // when nothing is mapped.
+    char* getCurrentBuffer();
+    // Gives back the mapped page, which holds byte `position` (0xFFFFFFFF: the position).
+    void dismissBuffer(unsigned int position);
+    bool inSamePage(unsigned int a, unsigned int b) const;
+
+    HXLVirtualFileOuputStream m_outputStream;
+    ZOJGZIPOutputStream* m_gzipStream;       // owned; runs from a compressed write to close()
+    bool m_compress;                         // set by open(..., true), never cleared
+    std::vector<HXLVirtualPageItem> m_pages; // entry i is page i; blank: no block yet
+    HXLVirtualMemoryMgr* m_memoryMgr;        // owned only if m_ownsMemoryMgr
+    unsigned int m_position;                 // bytes; never above m_length
+    unsigned int m_length;                   // bytes
+    unsigned int m_pageSize;                 // bytes per page, never 0
+    char* m_currentBuffer;                   // mapping of the page at m_position, or null
+    bool m_ownsMemoryMgr;                    // set by the open() that makes the manager
+};
+
+#endif
