@@ -25,7 +25,9 @@ HXLVirtualPersistNode::HXLVirtualPersistNode() : m_pageOffset(0), m_container(NU
 }
 
 HXLVirtualPersistNode::~HXLVirtualPersistNode() {
-    m_container = NULL;
+    // A volatile store: after destroy() the image must show no container, so that dismiss()
+    // fails, although a compiler may take plain stores in a destructor for dead ones.
+    *static_cast<HXLVirtualContainer* volatile*>(&m_container) = NULL;
 }
 
 unsigned int HXLVirtualPersistNode::computeClassId(std::atomic<unsigned int>& classId,
