@@ -7,8 +7,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <random>
 #include <sstream>
+#include <string>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -171,4 +174,40 @@ TEST(HXLVirtualFile, OwnedStoreAndUnopenedFileEndCleanly) {
               static_cast<int>(data.size()));
     EXPECT_EQ(file.getLength(), static_cast<int>(data.size()));
     // The third page stays mapped; the destructor gives it back and deletes the store.
+}
+
+TEST(HXLVirtualFile, AFailedPageLeavesTheFileTrueToWhatWasStored) {
+    LeakCheckOn leakCheck;
+    // A temporary directory that is gone once the store is made: the first page-out fails, and
+    // with it the allocation of the page that needed the room.
+    char dir[] = "/tmp/hxl-file-gone-XXXXXX";
+    ASSERT_NE(::mkdtemp(dir), nullptr);
+    const char* saved = std::getenv("TMPDIR");
+    const std::string restore = saved ? saved : "";
+    ::setenv("TMPDIR", dir, 1);
+    HXLVirtualMemoryMgr store(64 * 1024, 0, 64);
+    if (saved)
+        ::setenv("TMPDIR", restore.c_str(), 1);
+    else
+        ::unsetenv("TMPDIR");
+    ::rmdir(dir);
+
+    const unsigned int page = 5000;
+    std::vector<char> data(page * 40);
+    for (size_t i = 0; i < data.size(); ++i)
+        data[i] = static_cast<char>(i * 7 + i / page);
+    HXLVirtualFile file;
+    file.open(&store, 0, page, false);
+    EXPECT_THROW(file.write(data.data(), static_cast<unsigned int>(data.size())),
+                 HXLOutOfMemoryError);
+    const int length = file.getLength();
+    EXPECT_GT(length, 0);
+    EXPECT_LT(length, static_cast<int>(data.size()));
+    EXPECT_EQ(length % page, 0u) << "the length stands behind the last whole piece";
+    EXPECT_EQ(file.seek(0, HXLFmFile::eSeekCurrent), length);
+    EXPECT_EQ(outstandingReferences(store), 0) << "nothing is left mapped";
+    std::vector<char> back(static_cast<size_t>(length));
+    file.seek(0, HXLFmFile::eSeekBegin);
+    ASSERT_EQ(file.read(back.data(), static_cast<unsigned int>(length)), length);
+    EXPECT_TRUE(std::equal(back.begin(), back.end(), data.begin()));
 }
