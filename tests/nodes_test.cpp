@@ -158,12 +158,16 @@ TEST(PersistNode, CreateDismissAndDestroy) {
     // getNode brings the same object back without running onInit again.
     HXLVirtualPersistNode* node = container.getNode(offset);
     EXPECT_EQ(static_cast<Tally*>(node)->m_initCalls, 1);
-    // destroy ends the object but neither its block nor the reference.
+    // destroy ends the object but neither its block nor the reference. The object is gone, so
+    // only its bytes may be looked at: the container link is cleared.
     node->destroy();
-    EXPECT_EQ(node->getContainer(), nullptr);
-    EXPECT_EQ(assertionText([&] { node->dismiss(); }), "HXL_ASSERT(m_container);");
+    HXLVirtualContainer* link = &container;
+    std::memcpy(&link, reinterpret_cast<const char*>(node) + 16, sizeof(link));
+    EXPECT_EQ(link, nullptr);
     EXPECT_EQ(outstandingReferences(container.getMemoryMgr()), 1u);
     container.dismiss(offset);
+    HXLVirtualTreeNode detached; // no container, as after destroy
+    EXPECT_EQ(assertionText([&] { detached.dismiss(); }), "HXL_ASSERT(m_container);");
 
     EXPECT_EQ(assertionText([] { HXLVirtualTreeNode::create(NULL); }),
               "HXL_ASSERT(container != NULL);");
