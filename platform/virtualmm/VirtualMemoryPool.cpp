@@ -10,12 +10,16 @@
 //   page map    a vector indexed by page number giving the span that covers it: offset to
 //               address is one shift, one load and a subtraction, no hashing, no search.
 //   pinned      a span with at least one object whose reference count is above 0.
-//   LRU list    the resident spans that are not pinned, least recently released first.
-//   slot        (page file) a run of pages of the page file that keeps one span's bytes.
+//   clock ring  every resident span, in a circle. A hand sweeps it when room is needed: a
+//               pinned span is passed over, a span released since the hand last passed it
+//               (its referenced bit) gets a second chance, any other span is paged out.
+//               Pinning and releasing touch only counters and that bit, never the ring.
+//   file slot   a run of pages of the page file that keeps one span's bytes.
 //
 // Design rules
-//   1. A pinned span is resident and never moves; only spans on the LRU list leave memory.
-//   2. Every resident span is either pinned or on the LRU list, never both.
+//   1. A pinned span is resident and never moves; only unpinned spans leave memory.
+//   2. The clock ring holds exactly the resident spans; unpinnedResident counts those of them
+//      that are not pinned, so a sweep knows when nothing can be evicted.
 //   3. residentBytes is the sum of the sizes of resident spans. After any call returns it is at
 //      most the budget, plus what pinned spans hold, plus spans whose page-out failed.
 //   4. A span is written out only if it is dirty: mapped for writing (Allocate, GetAddress with
@@ -39,6 +43,7 @@
 //                      v                                   ^                   |
 //                  paged out -------- pageIn ------> resident clean <--- (Dirty, GetAddress
 //                                                                        with true: dirty)
+//   pageOut is called only by makeRoom's clock sweep.
 //   any state ---- releaseSpan (last object deallocated) ----> free
 #include "VirtualMemoryPool.h"
 
@@ -74,6 +79,8 @@ const unsigned kClassGranule = 16;      // sizes are rounded to 16 bytes; addres
 const unsigned kMaxSpanPages = 8;       // a small-object span is at most 64 KiB
 const unsigned kFreeSlot = 0xFFFFFFFFu; // reference count of a slot with no object
 const unsigned long long kNoSlot = ~0ULL;
+const unsigned kCachedBufferPages = 32;               // span buffers up to 256 KiB are recycled
+const unsigned long long kBufferCacheBytes = 2 << 20; // at most this much kept for reuse
 
 long posixPwrite(int fd, const void* data, unsigned long count, long long offset) {
     return ::pwrite(fd, data, count, static_cast<off_t>(offset));
@@ -169,23 +176,26 @@ private:
 
 struct SizeClass;
 
+// The fields that GetAddress and Dismiss read come first, in one cache line.
 struct Span {
     unsigned long long firstPage;
-    unsigned pageCount;
-    unsigned classIndex; // index into the class table; kLargeClass for a large object
-    unsigned slotCount;  // 1 for a large object
-    unsigned liveCount;  // slots holding an object
-    unsigned pinCount;   // objects with a reference count above 0
-    char* memory;        // the span's bytes while resident, else null
-    bool dirty;          // mapped for writing since it last came in (or never saved)
-    bool onLru;
+    char* memory;         // the span's bytes while resident, else null
+    unsigned* refs;       // per slot: reference count, or kFreeSlot
+    unsigned elementSize; // slot size; 0 for a span of one large object
+    unsigned slotMagic;   // ceil(2^32 / elementSize): slot = delta * slotMagic >> 32
+    unsigned slotCount;   // 1 for a large object
+    unsigned pinCount;    // objects with a reference count above 0
+    bool dirty;           // mapped for writing since it last came in (or never saved)
+    bool referenced;      // released since the clock hand last passed
     bool onNonFullList;
+    unsigned pageCount;
+    unsigned classIndex;         // index into the class table; kLargeClass for a large object
+    unsigned liveCount;          // slots holding an object
     unsigned long long fileSlot; // first page of its copy in the page file, or kNoSlot
-    unsigned* refs;              // per slot: reference count, or kFreeSlot
     unsigned* freeStack;         // free slot indices; freeTop of them are valid
     unsigned freeTop;
-    Span* lruPrev; // LRU list links (resident and unpinned only)
-    Span* lruNext;
+    Span* ringPrev; // clock ring links (resident spans only)
+    Span* ringNext;
     Span* classPrev; // the class's list of spans with free slots
     Span* classNext;
 
@@ -236,17 +246,17 @@ private:
         if (span == nullptr)
             return nullptr;
         const unsigned long long delta = offset - span->baseOffset();
-        if (span->classIndex == kLargeClass) {
+        if (span->elementSize == 0) {
             if (delta != 0)
                 return nullptr;
             slot = 0;
         } else {
-            // A small span is at most 64 KiB, so 32-bit arithmetic suffices past this test.
+            // A small span is at most 64 KiB: below that the multiplication by the reciprocal
+            // gives the exact quotient.
             if (delta >= span->bytes())
                 return nullptr;
-            const unsigned element = m_classes[span->classIndex].elementSize;
-            const unsigned index = static_cast<unsigned>(delta) / element;
-            if (index * element != delta || index >= span->slotCount)
+            const unsigned index = static_cast<unsigned>((delta * span->slotMagic) >> 32);
+            if (index * span->elementSize != delta || index >= span->slotCount)
                 return nullptr;
             slot = index;
         }
@@ -271,8 +281,10 @@ private:
 
     void pin(Span* span, unsigned slot);
     void unpin(Span* span, unsigned slot);
-    void lruAppend(Span* span);
-    void lruRemove(Span* span);
+    void ringInsert(Span* span);
+    void ringRemove(Span* span);
+    char* takeBuffer(unsigned pages);
+    void dropBuffer(char* memory, unsigned pages);
     void nonFullPush(Span* span);
     void nonFullRemove(Span* span);
     void checkSpan(const Span* span) const;
@@ -284,9 +296,11 @@ private:
     std::vector<Span*> m_pageMap;
     ExtentAllocator m_pageNumbers{1};
     ExtentAllocator m_fileSpace{0};
-    Span* m_lruHead = nullptr; // least recently released
-    Span* m_lruTail = nullptr;
+    Span* m_hand = nullptr; // the clock hand: next span the sweep looks at; null if no span
+    unsigned long long m_unpinnedResident = 0;
     unsigned long long m_residentBytes = 0;
+    std::vector<std::vector<char*>> m_buffers{kCachedBufferPages + 1}; // by page count
+    unsigned long long m_bufferBytes = 0;
     unsigned long long m_outstanding = 0;
     unsigned long long m_totalRefs = 0;
     unsigned long long m_objectsCurrent = 0;
@@ -351,14 +365,42 @@ VirtualMemoryPool::Engine::~Engine() {
         delete[] span->freeStack;
         delete span;
     }
+    for (std::vector<char*>& bucket : m_buffers)
+        for (char* buffer : bucket)
+            std::free(buffer);
     if (m_fd >= 0)
         ::close(m_fd);
 }
 
+char* VirtualMemoryPool::Engine::takeBuffer(unsigned pages) {
+    if (pages <= kCachedBufferPages && !m_buffers[pages].empty()) {
+        char* buffer = m_buffers[pages].back();
+        m_buffers[pages].pop_back();
+        m_bufferBytes -= static_cast<unsigned long long>(pages) << kPageShift;
+        return buffer;
+    }
+    void* memory = nullptr;
+    if (posix_memalign(&memory, 64, static_cast<size_t>(pages) << kPageShift) != 0)
+        return nullptr;
+    return static_cast<char*>(memory);
+}
+
+// Freed span buffers are kept (up to a bound) for the next page-in: giving them back to the
+// process heap at once costs page faults when the heap returns them to the system.
+void VirtualMemoryPool::Engine::dropBuffer(char* memory, unsigned pages) {
+    const unsigned long long bytes = static_cast<unsigned long long>(pages) << kPageShift;
+    if (pages <= kCachedBufferPages && m_bufferBytes + bytes <= kBufferCacheBytes) {
+        m_buffers[pages].push_back(memory);
+        m_bufferBytes += bytes;
+        return;
+    }
+    std::free(memory);
+}
+
 Span* VirtualMemoryPool::Engine::newSpan(unsigned classIndex, unsigned pages, unsigned slots) {
     const unsigned long long bytes = static_cast<unsigned long long>(pages) << kPageShift;
-    void* memory = nullptr;
-    if (posix_memalign(&memory, 64, bytes) != 0)
+    char* memory = takeBuffer(pages);
+    if (memory == nullptr)
         return nullptr;
     // New bytes are zero, so a page file never receives uninitialised memory.
     std::memset(memory, 0, bytes);
@@ -366,7 +408,7 @@ Span* VirtualMemoryPool::Engine::newSpan(unsigned classIndex, unsigned pages, un
     unsigned* refs = new (std::nothrow) unsigned[slots];
     unsigned* freeStack = new (std::nothrow) unsigned[slots];
     if (span == nullptr || refs == nullptr || freeStack == nullptr) {
-        std::free(memory);
+        dropBuffer(memory, pages);
         delete span;
         delete[] refs;
         delete[] freeStack;
@@ -377,12 +419,15 @@ Span* VirtualMemoryPool::Engine::newSpan(unsigned classIndex, unsigned pages, un
         m_pageMap.resize(m_pageNumbers.end(), nullptr);
     span->pageCount = pages;
     span->classIndex = classIndex;
+    span->elementSize = classIndex == kLargeClass ? 0 : m_classes[classIndex].elementSize;
+    span->slotMagic =
+        span->elementSize == 0 ? 0 : static_cast<unsigned>((1ULL << 32) / span->elementSize + 1);
     span->slotCount = slots;
     span->liveCount = 0;
     span->pinCount = 0;
-    span->memory = static_cast<char*>(memory);
+    span->memory = memory;
     span->dirty = true; // nothing of it is in the page file yet
-    span->onLru = false;
+    span->referenced = false;
     span->onNonFullList = false;
     span->fileSlot = kNoSlot;
     span->refs = refs;
@@ -393,11 +438,12 @@ Span* VirtualMemoryPool::Engine::newSpan(unsigned classIndex, unsigned pages, un
         freeStack[i] = slots - 1 - i;
     }
     span->freeTop = slots;
-    span->lruPrev = span->lruNext = nullptr;
     span->classPrev = span->classNext = nullptr;
     for (unsigned i = 0; i < pages; ++i)
         m_pageMap[span->firstPage + i] = span;
     m_residentBytes += bytes;
+    ++m_unpinnedResident;
+    ringInsert(span);
     if (classIndex == kLargeClass) {
         ++m_largeSpans;
         m_largePages += pages;
@@ -409,10 +455,11 @@ Span* VirtualMemoryPool::Engine::newSpan(unsigned classIndex, unsigned pages, un
 
 void VirtualMemoryPool::Engine::releaseSpan(Span* span) {
     if (span->memory != nullptr) {
-        if (span->onLru)
-            lruRemove(span);
+        ringRemove(span);
+        if (span->pinCount == 0)
+            --m_unpinnedResident;
         m_residentBytes -= span->bytes();
-        std::free(span->memory);
+        dropBuffer(span->memory, span->pageCount);
     }
     if (span->fileSlot != kNoSlot)
         m_fileSpace.give(span->fileSlot, span->pageCount);
@@ -433,12 +480,19 @@ void VirtualMemoryPool::Engine::releaseSpan(Span* span) {
     delete span;
 }
 
-// Evicts least recently released spans until `incoming` more bytes fit in the budget or
-// nothing unpinned is left. False only when a page-out failed (rule 8).
+// Sweeps the clock until `incoming` more bytes fit in the budget or nothing unpinned is
+// left. False only when a page-out failed (rule 8); the hand then rests on that span.
 bool VirtualMemoryPool::Engine::makeRoom(unsigned long long incoming) {
-    while (m_residentBytes + incoming > m_budget && m_lruHead != nullptr) {
-        if (!pageOut(m_lruHead))
+    while (m_residentBytes + incoming > m_budget && m_unpinnedResident > 0) {
+        Span* span = m_hand;
+        if (span->pinCount > 0) {
+            m_hand = span->ringNext;
+        } else if (span->referenced) {
+            span->referenced = false;
+            m_hand = span->ringNext;
+        } else if (!pageOut(span)) {
             return false;
+        }
     }
     return true;
 }
@@ -511,8 +565,9 @@ bool VirtualMemoryPool::Engine::pageOut(Span* span) {
     } else {
         ++m_pageDrops;
     }
-    lruRemove(span);
-    std::free(span->memory);
+    ringRemove(span);
+    --m_unpinnedResident;
+    dropBuffer(span->memory, span->pageCount);
     span->memory = nullptr;
     span->dirty = false;
     m_residentBytes -= span->bytes();
@@ -523,44 +578,46 @@ bool VirtualMemoryPool::Engine::pageOut(Span* span) {
 bool VirtualMemoryPool::Engine::pageIn(Span* span) {
     if (!makeRoom(span->bytes()))
         return false;
-    void* memory = nullptr;
-    if (posix_memalign(&memory, 64, span->bytes()) != 0)
+    char* memory = takeBuffer(span->pageCount);
+    if (memory == nullptr)
         return false;
-    if (!readAll(static_cast<char*>(memory), span->bytes(), span->fileSlot << kPageShift)) {
-        std::free(memory);
+    if (!readAll(memory, span->bytes(), span->fileSlot << kPageShift)) {
+        dropBuffer(memory, span->pageCount);
         return false;
     }
     ++m_pageReads;
-    span->memory = static_cast<char*>(memory);
+    span->memory = memory;
     span->dirty = false;
+    span->referenced = false;
     m_residentBytes += span->bytes();
-    if (span->pinCount == 0)
-        lruAppend(span);
+    ++m_unpinnedResident; // a paged-out span is never pinned
+    ringInsert(span);
     return true;
 }
 
-void VirtualMemoryPool::Engine::lruAppend(Span* span) {
-    span->onLru = true;
-    span->lruNext = nullptr;
-    span->lruPrev = m_lruTail;
-    if (m_lruTail)
-        m_lruTail->lruNext = span;
-    else
-        m_lruHead = span;
-    m_lruTail = span;
+// New and paged-in spans go just behind the hand, so the sweep reaches them last.
+void VirtualMemoryPool::Engine::ringInsert(Span* span) {
+    if (m_hand == nullptr) {
+        span->ringPrev = span->ringNext = span;
+        m_hand = span;
+        return;
+    }
+    span->ringNext = m_hand;
+    span->ringPrev = m_hand->ringPrev;
+    m_hand->ringPrev->ringNext = span;
+    m_hand->ringPrev = span;
 }
 
-void VirtualMemoryPool::Engine::lruRemove(Span* span) {
-    if (span->lruPrev)
-        span->lruPrev->lruNext = span->lruNext;
-    else
-        m_lruHead = span->lruNext;
-    if (span->lruNext)
-        span->lruNext->lruPrev = span->lruPrev;
-    else
-        m_lruTail = span->lruPrev;
-    span->lruPrev = span->lruNext = nullptr;
-    span->onLru = false;
+void VirtualMemoryPool::Engine::ringRemove(Span* span) {
+    if (span->ringNext == span) {
+        m_hand = nullptr;
+    } else {
+        if (m_hand == span)
+            m_hand = span->ringNext;
+        span->ringPrev->ringNext = span->ringNext;
+        span->ringNext->ringPrev = span->ringPrev;
+    }
+    span->ringPrev = span->ringNext = nullptr;
 }
 
 void VirtualMemoryPool::Engine::nonFullPush(Span* span) {
@@ -602,8 +659,8 @@ void VirtualMemoryPool::Engine::nonFullRemove(Span* span) {
 void VirtualMemoryPool::Engine::pin(Span* span, unsigned slot) {
     if (span->refs[slot]++ == 0) {
         ++m_outstanding;
-        if (span->pinCount++ == 0 && span->onLru)
-            lruRemove(span);
+        if (span->pinCount++ == 0)
+            --m_unpinnedResident;
     }
     ++m_totalRefs;
 }
@@ -613,7 +670,8 @@ void VirtualMemoryPool::Engine::unpin(Span* span, unsigned slot) {
     if (--span->refs[slot] == 0) {
         --m_outstanding;
         if (--span->pinCount == 0) {
-            lruAppend(span);
+            ++m_unpinnedResident;
+            span->referenced = true;
             // What was pinned may have held the store above its budget; a failed page-out
             // here is retried by the next call that needs room (rule 8).
             if (m_residentBytes > m_budget)
@@ -639,7 +697,6 @@ void* VirtualMemoryPool::Engine::allocate(unsigned long long size, PageItem& ite
             span = newSpan(classIndex, sc.pages, sc.slots);
             if (span == nullptr)
                 return nullptr;
-            // A new span is pinned at once below; it enters the LRU list on its last dismiss.
             nonFullPush(span);
             ++sc.emptySpans;
         }
@@ -711,8 +768,10 @@ void VirtualMemoryPool::Engine::deallocate(unsigned long long offset) {
     if (span->refs[slot] > 0) {
         m_totalRefs -= span->refs[slot];
         --m_outstanding;
-        if (--span->pinCount == 0)
-            lruAppend(span); // pinned spans are resident
+        if (--span->pinCount == 0) {
+            ++m_unpinnedResident;
+            span->referenced = true;
+        }
     }
     span->refs[slot] = kFreeSlot;
     --span->liveCount;
@@ -816,7 +875,7 @@ void VirtualMemoryPool::Engine::checkSpan(const Span* span) const {
 }
 
 void VirtualMemoryPool::Engine::verify() const {
-    unsigned long long resident = 0, outstanding = 0, refs = 0, objects = 0, lruLength = 0;
+    unsigned long long resident = 0, outstanding = 0, refs = 0, objects = 0;
     unsigned long long pagesMapped = 0, filePages = 0;
     for (unsigned long long page = 0; page < m_pageMap.size(); ++page) {
         const Span* span = m_pageMap[page];
@@ -839,20 +898,25 @@ void VirtualMemoryPool::Engine::verify() const {
             }
         }
     }
-    for (const Span* span = m_lruHead; span != nullptr; span = span->lruNext) {
-        VMM_CHECK(span->memory != nullptr && span->pinCount == 0 && span->onLru,
-                  span->firstPage); // rule 2
-        VMM_CHECK(m_pageMap[span->firstPage] == span, span->firstPage);
-        ++lruLength;
+    // Rule 2: the ring holds the resident spans, each once, and unpinnedResident is exact.
+    unsigned long long ringLength = 0, ringUnpinned = 0, residentSpans = 0;
+    if (m_hand != nullptr) {
+        const Span* span = m_hand;
+        do {
+            VMM_CHECK(span->memory != nullptr, span->firstPage);
+            VMM_CHECK(m_pageMap[span->firstPage] == span, span->firstPage);
+            VMM_CHECK(span->ringNext->ringPrev == span, span->firstPage);
+            ringUnpinned += span->pinCount == 0;
+            ++ringLength;
+            span = span->ringNext;
+        } while (span != m_hand && ringLength <= m_pageMap.size());
     }
-    unsigned long long unpinnedResident = 0;
     for (unsigned long long page = 0; page < m_pageMap.size(); ++page) {
         const Span* span = m_pageMap[page];
-        if (span != nullptr && span->firstPage == page && span->memory != nullptr &&
-            span->pinCount == 0)
-            ++unpinnedResident;
+        residentSpans += span != nullptr && span->firstPage == page && span->memory != nullptr;
     }
-    VMM_CHECK(lruLength == unpinnedResident, lruLength);  // rule 2
+    VMM_CHECK(ringLength == residentSpans, ringLength);
+    VMM_CHECK(ringUnpinned == m_unpinnedResident, ringUnpinned);
     VMM_CHECK(resident == m_residentBytes, resident);     // rule 3
     VMM_CHECK(outstanding == m_outstanding, outstanding); // rule 7
     VMM_CHECK(refs == m_totalRefs, refs);

@@ -1,0 +1,43 @@
+// Shared by the benchmark programs: a reporter that keeps the median real time of every
+// benchmark, and the line that compares two of them.
+#ifndef BENCHRATIO_H
+#define BENCHRATIO_H
+
+#include <benchmark/benchmark.h>
+
+#include <iostream>
+#include <map>
+#include <string>
+#include <vector>
+
+// Prints as usual and keeps, per benchmark function, the median real time of its repetitions
+// (or the time of its single run when it is not repeated).
+class MedianReporter : public benchmark::ConsoleReporter {
+public:
+    void ReportRuns(const std::vector<Run>& runs) override {
+        for (const Run& run : runs) {
+            const std::string name = run.run_name.function_name;
+            if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median")
+                medians[name] = run.GetAdjustedRealTime();
+            else if (run.run_type == Run::RT_Iteration && run.repetitions <= 1)
+                medians[name] = run.GetAdjustedRealTime();
+        }
+        ConsoleReporter::ReportRuns(runs);
+    }
+    std::map<std::string, double> medians;
+};
+
+// Prints how many times faster `subject` is than `baseline` (their median times divided:
+// above 1 means faster), against a target given as the least acceptable such figure.
+inline void printSpeedRatio(const MedianReporter& reporter, const char* subject,
+                            const char* baseline, double target, const char* what) {
+    const auto s = reporter.medians.find(subject);
+    const auto b = reporter.medians.find(baseline);
+    if (s == reporter.medians.end() || b == reporter.medians.end())
+        return; // filtered out
+    const double ratio = b->second / s->second;
+    std::cout << what << ": " << subject << " vs " << baseline << " = " << ratio
+              << " (target >= " << target << ", " << (ratio >= target ? "met" : "NOT met") << ")\n";
+}
+
+#endif
