@@ -472,3 +472,33 @@ TEST(VirtualMemoryPool, StatisticsDescribeClassesAndLargeSpans) {
     EXPECT_EQ(pool.GetOutstandingReferences(nullptr, 0, nullptr), 0u);
     pool.Verify();
 }
+
+TEST(VirtualMemoryPool, SpansMappedOnlyForReadingAreDroppedWithoutWrite) {
+    ScratchDir dir;
+    VirtualMemoryPool pool(kBudget, dir.path.c_str());
+    std::vector<unsigned long long> offsets;
+    for (unsigned i = 0; i < 64; ++i)
+        offsets.push_back(newObject(pool, 4000, i)); // 32 spans, four times the budget
+    auto readPass = [&] {
+        for (unsigned i = 0; i < offsets.size(); ++i) {
+            PageItem item{offsets[i]};
+            const void* address = pool.GetAddress(item, false);
+            ASSERT_NE(address, nullptr);
+            EXPECT_TRUE(holds(address, 4000, i));
+            pool.Dismiss(item);
+        }
+    };
+    readPass(); // writes out what was still resident since it was made
+    const VirtualMemoryStats before = stats(pool);
+    readPass();
+    const VirtualMemoryStats after = stats(pool);
+    EXPECT_GT(after.pageReads, before.pageReads);
+    EXPECT_EQ(after.pageWrites, before.pageWrites) << "nothing was mapped for writing";
+    EXPECT_GT(after.pageDrops, before.pageDrops);
+    // Dirty marks a resident span as changed: it is written at its next page-out.
+    PageItem last{offsets.back()};
+    pool.Dirty(last);
+    readPass();
+    EXPECT_EQ(stats(pool).pageWrites, after.pageWrites + 1);
+    pool.Verify();
+}
