@@ -283,7 +283,7 @@ private:
     void unpin(Span* span, unsigned slot);
     void ringInsert(Span* span);
     void ringRemove(Span* span);
-    char* takeBuffer(unsigned pages);
+    char* takeBuffer(unsigned pages, bool& recycled);
     void dropBuffer(char* memory, unsigned pages);
     void nonFullPush(Span* span);
     void nonFullRemove(Span* span);
@@ -372,8 +372,11 @@ VirtualMemoryPool::Engine::~Engine() {
         ::close(m_fd);
 }
 
-char* VirtualMemoryPool::Engine::takeBuffer(unsigned pages) {
-    if (pages <= kCachedBufferPages && !m_buffers[pages].empty()) {
+// A buffer of `pages` pages; `recycled` tells whether it held a span before (its bytes are
+// then initialised, though not zero).
+char* VirtualMemoryPool::Engine::takeBuffer(unsigned pages, bool& recycled) {
+    recycled = pages <= kCachedBufferPages && !m_buffers[pages].empty();
+    if (recycled) {
         char* buffer = m_buffers[pages].back();
         m_buffers[pages].pop_back();
         m_bufferBytes -= static_cast<unsigned long long>(pages) << kPageShift;
@@ -399,11 +402,14 @@ void VirtualMemoryPool::Engine::dropBuffer(char* memory, unsigned pages) {
 
 Span* VirtualMemoryPool::Engine::newSpan(unsigned classIndex, unsigned pages, unsigned slots) {
     const unsigned long long bytes = static_cast<unsigned long long>(pages) << kPageShift;
-    char* memory = takeBuffer(pages);
+    bool recycled;
+    char* memory = takeBuffer(pages, recycled);
     if (memory == nullptr)
         return nullptr;
-    // New bytes are zero, so a page file never receives uninitialised memory.
-    std::memset(memory, 0, bytes);
+    // Fresh memory is cleared so that a page file never receives uninitialised bytes; a
+    // recycled buffer holds old bytes of this store, which are as good.
+    if (!recycled)
+        std::memset(memory, 0, bytes);
     Span* span = new (std::nothrow) Span();
     unsigned* refs = new (std::nothrow) unsigned[slots];
     unsigned* freeStack = new (std::nothrow) unsigned[slots];
@@ -578,7 +584,8 @@ bool VirtualMemoryPool::Engine::pageOut(Span* span) {
 bool VirtualMemoryPool::Engine::pageIn(Span* span) {
     if (!makeRoom(span->bytes()))
         return false;
-    char* memory = takeBuffer(span->pageCount);
+    bool recycled;
+    char* memory = takeBuffer(span->pageCount, recycled);
     if (memory == nullptr)
         return false;
     if (!readAll(memory, span->bytes(), span->fileSlot << kPageShift)) {
