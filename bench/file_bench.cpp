@@ -5,6 +5,7 @@
 //   - the compressed write path against zlib's deflate called directly at the same level.
 // Each benchmark is repeated; the ratios printed at the end compare medians (throughput of the
 // virtual file divided by throughput of its baseline; 1.0 is parity).
+#include "BenchRatio.h"
 #include "HXLCore.h"
 #include "HXLVirtualFile.h"
 #include "HXLVirtualMemoryMgr.h"
@@ -15,7 +16,6 @@
 
 #include <cstdio>
 #include <iostream>
-#include <map>
 #include <random>
 #include <stdexcept>
 #include <string>
@@ -166,28 +166,6 @@ BENCHMARK(BM_ZlibDeflateDirect)
     ->Iterations(1)
     ->Repetitions(kRepetitions);
 
-// Prints as usual and keeps the median real time of every benchmark for the ratios.
-class MedianReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        for (const Run& run : runs)
-            if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median")
-                medians[run.run_name.function_name] = run.GetAdjustedRealTime();
-        ConsoleReporter::ReportRuns(runs);
-    }
-    std::map<std::string, double> medians;
-};
-
-void printRatio(const MedianReporter& r, const char* subject, const char* baseline, double target) {
-    const auto s = r.medians.find(subject);
-    const auto b = r.medians.find(baseline);
-    if (s == r.medians.end() || b == r.medians.end())
-        return; // filtered out
-    const double ratio = b->second / s->second;
-    std::cout << subject << " / " << baseline << " throughput: " << ratio
-              << " (target >= " << target << ", " << (ratio >= target ? "met" : "NOT met") << ")\n";
-}
-
 } // namespace
 
 int main(int argc, char** argv) {
@@ -198,7 +176,9 @@ int main(int argc, char** argv) {
     benchmark::RunSpecifiedBenchmarks(&reporter);
     benchmark::Shutdown();
     std::cout << "\nRatios of median times (" << kRepetitions << " repetitions):\n";
-    printRatio(reporter, "BM_VirtualFileWriteRead", "BM_TempFileWriteRead", 0.7);
-    printRatio(reporter, "BM_VirtualFileCompressedWrite", "BM_ZlibDeflateDirect", 0.9);
+    printSpeedRatio(reporter, "BM_VirtualFileWriteRead", "BM_TempFileWriteRead", 0.7,
+                    "write + read throughput against a temporary file");
+    printSpeedRatio(reporter, "BM_VirtualFileCompressedWrite", "BM_ZlibDeflateDirect", 0.9,
+                    "compressed write throughput against zlib's deflate");
     return 0;
 }
