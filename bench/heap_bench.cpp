@@ -22,6 +22,8 @@
 #include <string>
 #include <vector>
 
+#include <unistd.h>
+
 namespace {
 
 constexpr std::size_t kRing = 1024;  // live blocks
@@ -133,6 +135,8 @@ BENCHMARK(BM_Fixed64_fixedpool_plain);
 // repetitions when there are some, else the single run.
 class RatioReporter : public benchmark::ConsoleReporter {
 public:
+    explicit RatioReporter(OutputOptions options) : ConsoleReporter(options) {}
+
     void ReportRuns(const std::vector<Run>& runs) override {
         ConsoleReporter::ReportRuns(runs);
         for (const Run& run : runs) {
@@ -170,7 +174,9 @@ int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv))
         return 1;
-    RatioReporter reporter;
+    // Colour only on a terminal, so that logs and pipes get plain text.
+    RatioReporter reporter(isatty(fileno(stdout)) ? benchmark::ConsoleReporter::OO_ColorTabular
+                                                  : benchmark::ConsoleReporter::OO_Tabular);
     benchmark::RunSpecifiedBenchmarks(&reporter);
     std::printf("\nSpeed-up (baseline time / our time, medians where repeated):\n");
     reporter.printRatio("BM_Mix_arena", "BM_Mix_malloc");
