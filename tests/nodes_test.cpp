@@ -187,7 +187,7 @@ TEST(PersistNode, StoredImageLayout) {
     tree.getRootNode()->appendChild(parent);
 
     unsigned long long words[9];
-    std::memcpy(words, parent, sizeof(words));
+    std::memcpy(words, static_cast<const void*>(parent), sizeof(words));
     EXPECT_EQ(words[1], parent->getPageOffset());
     EXPECT_EQ(words[2],
               reinterpret_cast<unsigned long long>(static_cast<HXLVirtualContainer*>(&tree)));
@@ -203,7 +203,7 @@ TEST(PersistNode, StoredImageLayout) {
     EXPECT_EQ(parent->getChildCount(), 3u);
     EXPECT_EQ(parent->getParentPageItem().getOffset(), HXLVirtualPageItem::kInvalidOffset);
 
-    std::memcpy(words, children[1], sizeof(words));
+    std::memcpy(words, static_cast<const void*>(children[1]), sizeof(words));
     EXPECT_EQ(words[3], parent->getPageOffset());
     EXPECT_EQ(words[6], children[0]->getPageOffset());
     EXPECT_EQ(words[7], children[2]->getPageOffset());

@@ -27,8 +27,8 @@ std::string utf8Of(const I18NString& value) {
 // ASCII, two- and three-byte characters, and a four-byte one (outside the BMP: two UTF-16
 // units in the internal form).
 const char* const kValues[] = {"plain ASCII",
-                               "Gr\xC3\xBC\xC3\x9F"
-                               "e, \xE4\xB8\x96\xE7\x95\x8C",
+                               ("Gr\xC3\xBC\xC3\x9F"
+                                "e, \xE4\xB8\x96\xE7\x95\x8C"),
                                "\xF0\x9F\x98\x80", "a\xF0\x9F\x98\x80z"};
 
 TEST(Strings, RoundTripsAndStoredSizes) {
