@@ -5,15 +5,20 @@
 
 #include <benchmark/benchmark.h>
 
+#include <cstdio>
 #include <iostream>
 #include <map>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 // Prints as usual and keeps, per benchmark function, the median real time of its repetitions
 // (or the time of its single run when it is not repeated).
 class MedianReporter : public benchmark::ConsoleReporter {
 public:
+    // Colour only on a terminal, so that logs and pipes get plain text.
+    MedianReporter() : ConsoleReporter(isatty(fileno(stdout)) ? OO_ColorTabular : OO_Tabular) {}
+
     void ReportRuns(const std::vector<Run>& runs) override {
         for (const Run& run : runs) {
             const std::string name = run.run_name.function_name;
@@ -28,7 +33,8 @@ public:
 };
 
 // Prints how many times faster `subject` is than `baseline` (their median times divided:
-// above 1 means faster), against a target given as the least acceptable such figure.
+// above 1 means faster), against a target given as the least acceptable such figure (none when
+// the target is 0).
 inline void printSpeedRatio(const MedianReporter& reporter, const char* subject,
                             const char* baseline, double target, const char* what) {
     const auto s = reporter.medians.find(subject);
@@ -36,8 +42,11 @@ inline void printSpeedRatio(const MedianReporter& reporter, const char* subject,
     if (s == reporter.medians.end() || b == reporter.medians.end())
         return; // filtered out
     const double ratio = b->second / s->second;
-    std::cout << what << ": " << subject << " vs " << baseline << " = " << ratio
-              << " (target >= " << target << ", " << (ratio >= target ? "met" : "NOT met") << ")\n";
+    std::cout << what << ": " << subject << " vs " << baseline << " = " << ratio;
+    if (target > 0)
+        std::cout << " (target >= " << target << ", " << (ratio >= target ? "met" : "NOT met")
+                  << ")";
+    std::cout << "\n";
 }
 
 #endif

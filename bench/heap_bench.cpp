@@ -7,6 +7,7 @@
 // has repetitions:
 //
 //     heap_bench --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
+#include "BenchRatio.h"
 #include "HXLFixedMemoryPool.h"
 #include "HXLMemoryArena.h"
 #include "HXLMemoryPool.h"
@@ -16,7 +17,6 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
-#include <map>
 #include <memory_resource>
 #include <random>
 #include <string>
@@ -131,62 +131,27 @@ BENCHMARK(BM_Fixed64_pmr);
 BENCHMARK(BM_Fixed64_fixedpool_headers);
 BENCHMARK(BM_Fixed64_fixedpool_plain);
 
-// Passes everything to the console and keeps one time per benchmark: the median of the
-// repetitions when there are some, else the single run.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    explicit RatioReporter(OutputOptions options) : ConsoleReporter(options) {}
-
-    void ReportRuns(const std::vector<Run>& runs) override {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run& run : runs) {
-            const std::string name = run.run_name.function_name;
-            if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median")
-                m_median[name] = run.GetAdjustedRealTime();
-            else if (run.run_type == Run::RT_Iteration && run.repetitions <= 1)
-                m_single[name] = run.GetAdjustedRealTime();
-        }
-    }
-
-    double timeOf(const std::string& name) const {
-        auto it = m_median.find(name);
-        if (it != m_median.end())
-            return it->second;
-        it = m_single.find(name);
-        return it != m_single.end() ? it->second : 0.0;
-    }
-
-    void printRatio(const char* ours, const char* baseline) const {
-        const double mine = timeOf(ours);
-        const double theirs = timeOf(baseline);
-        if (mine > 0 && theirs > 0)
-            std::printf("  %-30s vs %-18s %6.2fx faster\n", ours, baseline, theirs / mine);
-    }
-
-private:
-    std::map<std::string, double> m_median;
-    std::map<std::string, double> m_single;
-};
-
 } // namespace
 
 int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv))
         return 1;
-    // Colour only on a terminal, so that logs and pipes get plain text.
-    RatioReporter reporter(isatty(fileno(stdout)) ? benchmark::ConsoleReporter::OO_ColorTabular
-                                                  : benchmark::ConsoleReporter::OO_Tabular);
+    MedianReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
-    std::printf("\nSpeed-up (baseline time / our time, medians where repeated):\n");
-    reporter.printRatio("BM_Mix_arena", "BM_Mix_malloc");
-    reporter.printRatio("BM_Mix_arena", "BM_Mix_pmr");
-    reporter.printRatio("BM_Mix_memorypool", "BM_Mix_malloc");
-    reporter.printRatio("BM_Mix_memorypool", "BM_Mix_pmr");
-    reporter.printRatio("BM_Fixed64_fixedpool_headers", "BM_Fixed64_malloc");
-    reporter.printRatio("BM_Fixed64_fixedpool_headers", "BM_Fixed64_pmr");
-    reporter.printRatio("BM_Fixed64_fixedpool_plain", "BM_Fixed64_malloc");
-    reporter.printRatio("BM_Fixed64_fixedpool_plain", "BM_Fixed64_pmr");
+    std::cout << "\nSpeed-up (baseline time / our time, medians where repeated):\n";
+    printSpeedRatio(reporter, "BM_Mix_arena", "BM_Mix_malloc", 1.0, "arena bins, 8-256 bytes");
+    printSpeedRatio(reporter, "BM_Mix_arena", "BM_Mix_pmr", 2.0, "arena bins, 8-256 bytes");
+    printSpeedRatio(reporter, "BM_Mix_memorypool", "BM_Mix_malloc", 0, "memory pool");
+    printSpeedRatio(reporter, "BM_Mix_memorypool", "BM_Mix_pmr", 0, "memory pool");
+    printSpeedRatio(reporter, "BM_Fixed64_fixedpool_headers", "BM_Fixed64_malloc", 1.0,
+                    "fixed pool with headers, 64 bytes");
+    printSpeedRatio(reporter, "BM_Fixed64_fixedpool_headers", "BM_Fixed64_pmr", 2.0,
+                    "fixed pool with headers, 64 bytes");
+    printSpeedRatio(reporter, "BM_Fixed64_fixedpool_plain", "BM_Fixed64_malloc", 1.0,
+                    "fixed pool, plain, 64 bytes");
+    printSpeedRatio(reporter, "BM_Fixed64_fixedpool_plain", "BM_Fixed64_pmr", 2.0,
+                    "fixed pool, plain, 64 bytes");
     benchmark::Shutdown();
     return 0;
 }
