@@ -54,14 +54,6 @@ HXLVirtualPersistNode* HXLVirtualContainer::createNode(unsigned int classId) {
     return node;
 }
 
-HXLVirtualPersistNode* HXLVirtualContainer::getNode(unsigned long long offset) {
-    if (offset == 0)
-        return NULL;
-    // The block holds the object's image, virtual table pointer included: mapping it is all
-    // that makes it live again.
-    return static_cast<HXLVirtualPersistNode*>(m_memoryMgr->getAddress(offset, 1));
-}
-
 HXLVirtualPersistNode* HXLVirtualContainer::getNode(HXLVirtualPageItem& item) {
     return getNode(item.getOffset());
 }

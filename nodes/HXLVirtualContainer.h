@@ -4,6 +4,7 @@
 #include "HXLVirtualMemoryMgr.h"
 #include "HXLVirtualPageItem.h"
 
+#include <cstddef>
 #include <map>
 #include <ostream>
 
@@ -50,7 +51,13 @@ public:
     // The live node whose block starts at `offset`, with one more reference on it that the
     // caller gives back with dismiss. Null (no reference) for 0, kInvalidOffset or an offset
     // the store cannot map. The offset must name a node's block: nothing here can tell.
-    HXLVirtualPersistNode* getNode(unsigned long long offset);
+    HXLVirtualPersistNode* getNode(unsigned long long offset) {
+        // The block holds the object's image, virtual table pointer included: mapping it is
+        // all that makes it live again. Inline: every step of a walk comes through here.
+        return offset == 0
+                   ? NULL
+                   : static_cast<HXLVirtualPersistNode*>(m_memoryMgr->getAddress(offset, 1));
+    }
     // The same for the item's offset; its size plays no part.
     HXLVirtualPersistNode* getNode(HXLVirtualPageItem& item);
 

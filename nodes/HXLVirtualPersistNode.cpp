@@ -94,12 +94,4 @@ HXLVirtualPageItem HXLVirtualPersistNode::getVirtualPageItem() {
     return HXLVirtualPageItem(m_pageOffset, getSize());
 }
 
-void HXLVirtualPersistNode::dismiss() {
-    HXL_ASSERT(m_container);
-    HXLVirtualMemoryMgr* memMgr = m_container->getMemoryMgr();
-    HXL_ASSERT(memMgr);
-    // The manager ignores kInvalidOffset, so this does nothing on a root.
-    memMgr->dismiss(m_pageOffset);
-}
-
 void HXLVirtualPersistNode::dirty() {}

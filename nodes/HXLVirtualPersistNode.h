@@ -70,7 +70,12 @@ public:
     // Gives back one reference on this node's block; the address may be dead afterwards.
     // Has no effect on a node without a block (the root of a tree). Requires a container with
     // a manager.
-    void dismiss();
+    void dismiss() {
+        HXL_ASSERT(m_container);
+        HXLVirtualMemoryMgr* memMgr = m_container->getMemoryMgr();
+        HXL_ASSERT(memMgr);
+        memMgr->dismiss(m_pageOffset); // ignores kInvalidOffset: nothing happens on a root
+    }
     // Has no effect: fields written through a mapped address reach the store by themselves.
     void dirty();
 

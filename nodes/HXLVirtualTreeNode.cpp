@@ -67,33 +67,6 @@ void HXLVirtualTreeNode::destroy() {
 // Navigation and queries
 // ---------------------------------------------------------------------------------------------
 
-HXLVirtualTreeNode* HXLVirtualTreeNode::nodeAt(unsigned long long offset) {
-    // Every node reached through a tree node's link is a tree node.
-    return static_cast<HXLVirtualTreeNode*>(m_container->getNode(offset));
-}
-
-HXLVirtualTreeNode* HXLVirtualTreeNode::getFirstChild() {
-    return nodeAt(m_firstChild);
-}
-
-HXLVirtualTreeNode* HXLVirtualTreeNode::getLastChild() {
-    return nodeAt(m_lastChild);
-}
-
-HXLVirtualTreeNode* HXLVirtualTreeNode::getNextSibling(int dismissSelf) {
-    HXLVirtualTreeNode* next = nodeAt(m_nextSibling);
-    if (dismissSelf != 0)
-        dismiss();
-    return next;
-}
-
-HXLVirtualTreeNode* HXLVirtualTreeNode::getPreviousSibling(int dismissSelf) {
-    HXLVirtualTreeNode* previous = nodeAt(m_previousSibling);
-    if (dismissSelf != 0)
-        dismiss();
-    return previous;
-}
-
 HXLVirtualTreeNode* HXLVirtualTreeNode::findParent() {
     if (m_parentIsPointer != 0)
         return linkAsAddress(m_parent);

@@ -47,12 +47,22 @@ public:
     ~HXLVirtualTreeNode() override;
 
     // Navigation: each result holds one more reference, or is null with none taken.
-    HXLVirtualTreeNode* getFirstChild();
-    HXLVirtualTreeNode* getLastChild();
+    HXLVirtualTreeNode* getFirstChild() { return nodeAt(m_firstChild); }
+    HXLVirtualTreeNode* getLastChild() { return nodeAt(m_lastChild); }
     // With a nonzero `dismissSelf` this node is dismissed after the sibling is mapped, also
     // when there is none: `n = n->getNextSibling(1)` moves one reference along the list.
-    HXLVirtualTreeNode* getNextSibling(int dismissSelf);
-    HXLVirtualTreeNode* getPreviousSibling(int dismissSelf);
+    HXLVirtualTreeNode* getNextSibling(int dismissSelf) {
+        HXLVirtualTreeNode* next = nodeAt(m_nextSibling); // mapped before this is let go
+        if (dismissSelf != 0)
+            dismiss();
+        return next;
+    }
+    HXLVirtualTreeNode* getPreviousSibling(int dismissSelf) {
+        HXLVirtualTreeNode* previous = nodeAt(m_previousSibling);
+        if (dismissSelf != 0)
+            dismiss();
+        return previous;
+    }
     // The parent: a stored parent with one more reference, or the root object with none taken.
     // With includeRoot 0 the root is hidden and a top-level node answers null. The root is
     // found through the container, which must then be an HXLVirtualTree; in any other
@@ -97,7 +107,11 @@ public:
     void replaceChild(HXLVirtualTreeNode* oldChild, HXLVirtualTreeNode* newChild);
 
 private:
-    HXLVirtualTreeNode* nodeAt(unsigned long long offset);
+    // Every node reached through a tree node's link is a tree node. Inline, as the steps of a
+    // walk are: one field, one mapping.
+    HXLVirtualTreeNode* nodeAt(unsigned long long offset) {
+        return static_cast<HXLVirtualTreeNode*>(m_container->getNode(offset));
+    }
     void linkToParent(HXLVirtualTreeNode* parent);
     void copyParentLink(const HXLVirtualTreeNode* from);
     HXLVirtualTreeNode* findParent();
