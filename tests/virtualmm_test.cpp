@@ -345,6 +345,10 @@ TEST(VirtualMemoryPool, MisuseLeavesTheStoreIntact) {
         pool.Dirty(item);
         pool.Deallocate(item);
     }
+    PageItem huge{77};
+    EXPECT_EQ(pool.Allocate(~0ULL, huge), nullptr); // no size can wrap to a small one
+    EXPECT_EQ(pool.Allocate(1ULL << 50, huge), nullptr);
+    EXPECT_EQ(huge.offset, 0u);
     // A dismiss of an object whose count is 0 leaves it at 0.
     PageItem itemA{a};
     pool.Dismiss(itemA);

@@ -714,9 +714,10 @@ void* VirtualMemoryPool::Engine::allocate(unsigned long long size, PageItem& ite
             nonFullRemove(span);
         ++sc.liveObjects;
     } else {
-        const unsigned long long pages = (size + kPageSize - 1) >> kPageShift;
-        if (pages > 0xFFFFFFFFULL)
+        // Page counts are 32-bit; refuse before the rounding below could wrap.
+        if (size > (0xFFFFFFFFULL << kPageShift))
             return nullptr;
+        const unsigned long long pages = (size + kPageSize - 1) >> kPageShift;
         if (!makeRoom(pages * kPageSize))
             return nullptr;
         span = newSpan(kLargeClass, static_cast<unsigned>(pages), 1);
