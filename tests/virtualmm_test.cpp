@@ -230,6 +230,7 @@ TEST(VirtualMemoryPool, PageFileIsPrivateAndLeavesNoName) {
 
         // The open descriptor whose link names the deleted page file.
         int found = 0;
+        std::string fileLink;
         DIR* fds = ::opendir("/proc/self/fd");
         while (dirent* entry = ::readdir(fds)) {
             char target[512] = {};
@@ -239,6 +240,8 @@ TEST(VirtualMemoryPool, PageFileIsPrivateAndLeavesNoName) {
                 std::string(target).find(name) == 0 && ::stat(link.c_str(), &st) == 0) {
                 EXPECT_EQ(st.st_mode & 0777, 0600u);
                 EXPECT_EQ(st.st_nlink, 0u);
+                EXPECT_EQ(static_cast<unsigned long long>(st.st_size), figures.pageFileSize);
+                fileLink = link;
                 ++found;
             }
         }
@@ -246,6 +249,15 @@ TEST(VirtualMemoryPool, PageFileIsPrivateAndLeavesNoName) {
         EXPECT_EQ(found, 1);
         for (unsigned i = 0; i < offsets.size(); ++i)
             EXPECT_TRUE(readBack(pool, offsets[i], 4000, i));
+        // Freed spans give their file space back; the file shrinks with its free tail.
+        for (unsigned long long offset : offsets) {
+            PageItem item{offset};
+            pool.Deallocate(item);
+        }
+        struct stat st;
+        ASSERT_EQ(::stat(fileLink.c_str(), &st), 0);
+        EXPECT_EQ(st.st_size, 0);
+        EXPECT_EQ(stats(pool).pageFileSize, 0u);
     }
     EXPECT_EQ(dir.entries(), 0);
 }

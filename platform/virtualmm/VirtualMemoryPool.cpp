@@ -279,6 +279,7 @@ private:
     bool writeAll(const char* data, unsigned long long count, unsigned long long at);
     bool readAll(char* data, unsigned long long count, unsigned long long at);
 
+    void giveFileSlot(Span* span);
     void pin(Span* span, unsigned slot);
     void unpin(Span* span, unsigned slot);
     void ringInsert(Span* span);
@@ -468,7 +469,7 @@ void VirtualMemoryPool::Engine::releaseSpan(Span* span) {
         dropBuffer(span->memory, span->pageCount);
     }
     if (span->fileSlot != kNoSlot)
-        m_fileSpace.give(span->fileSlot, span->pageCount);
+        giveFileSlot(span);
     if (span->classIndex == kLargeClass) {
         --m_largeSpans;
         m_largePages -= span->pageCount;
@@ -551,6 +552,18 @@ bool VirtualMemoryPool::Engine::readAll(char* data, unsigned long long count,
     return true;
 }
 
+// Returns the span's file slot for reuse; when that frees the end of the page file the file is
+// cut back, so its reported size is its true size.
+void VirtualMemoryPool::Engine::giveFileSlot(Span* span) {
+    const unsigned long long end = m_fileSpace.end();
+    m_fileSpace.give(span->fileSlot, span->pageCount);
+    span->fileSlot = kNoSlot;
+    if (m_fileSpace.end() < end && m_fd >= 0 &&
+        ::ftruncate(m_fd, static_cast<off_t>(m_fileSpace.end() << kPageShift)) != 0) {
+        // Keeping a longer file than needed is harmless; its tail is reused or cut later.
+    }
+}
+
 bool VirtualMemoryPool::Engine::pageOut(Span* span) {
     if (span->dirty) {
         if (m_fd < 0 && !openPageFile())
@@ -561,10 +574,8 @@ bool VirtualMemoryPool::Engine::pageOut(Span* span) {
             newSlot = true;
         }
         if (!writeAll(span->memory, span->bytes(), span->fileSlot << kPageShift)) {
-            if (newSlot) {
-                m_fileSpace.give(span->fileSlot, span->pageCount);
-                span->fileSlot = kNoSlot;
-            }
+            if (newSlot)
+                giveFileSlot(span);
             return false;
         }
         ++m_pageWrites;
@@ -792,13 +803,17 @@ void VirtualMemoryPool::Engine::deallocate(unsigned long long offset) {
     --sc.liveObjects;
     span->freeStack[span->freeTop++] = slot;
     if (span->liveCount == 0) {
-        // Keep one empty span per class, so alloc/free in turn does not make and release a
-        // span every time.
-        if (sc.emptySpans > 0) {
+        // Keep one resident empty span per class, so alloc/free in turn does not make and
+        // release a span every time. Its bytes mean nothing any more: its file copy goes.
+        if (sc.emptySpans > 0 || span->memory == nullptr) {
             releaseSpan(span);
             return;
         }
         ++sc.emptySpans;
+        if (span->fileSlot != kNoSlot) {
+            giveFileSlot(span);
+            span->dirty = true; // a page-out must find it a slot again
+        }
     }
     if (!span->onNonFullList)
         nonFullPush(span);
