@@ -78,10 +78,6 @@ void* HXLVirtualContainer::getAddress(HXLVirtualPageItem& item, int flag) {
     return m_memoryMgr->getAddress(item, flag);
 }
 
-void* HXLVirtualContainer::getAddress(unsigned long long offset, int flag) {
-    return m_memoryMgr->getAddress(offset, flag);
-}
-
 void HXLVirtualContainer::dirty(HXLVirtualPageItem&) {}
 
 void HXLVirtualContainer::unMap(unsigned long long) {}

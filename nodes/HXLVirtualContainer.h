@@ -54,9 +54,7 @@ public:
     HXLVirtualPersistNode* getNode(unsigned long long offset) {
         // The block holds the object's image, virtual table pointer included: mapping it is
         // all that makes it live again. Inline: every step of a walk comes through here.
-        return offset == 0
-                   ? NULL
-                   : static_cast<HXLVirtualPersistNode*>(m_memoryMgr->getAddress(offset, 1));
+        return offset == 0 ? NULL : static_cast<HXLVirtualPersistNode*>(getAddress(offset, 1));
     }
     // The same for the item's offset; its size plays no part.
     HXLVirtualPersistNode* getNode(HXLVirtualPageItem& item);
@@ -78,7 +76,10 @@ public:
     void dumpMapper(std::ostream& os);
 
 private:
-    void* getAddress(unsigned long long offset, int flag);
+    // The manager's getAddress by offset: null for 0, kInvalidOffset or an unmappable block.
+    void* getAddress(unsigned long long offset, int flag) {
+        return m_memoryMgr->getAddress(offset, flag);
+    }
 
     std::map<unsigned int, NodeCreator> m_nodeCreators;
     int m_ownsMemoryMgr;
