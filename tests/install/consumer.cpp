@@ -1,15 +1,23 @@
-// A program that uses the installed package the way an application would.
+// A program that uses the installed package the way an application would: the store, the core
+// strings and the version, through headers included by bare name.
 #include "HXLCore.h"
 #include "HXLVirtualMemMgmtVersion.h"
+#include "HXLVirtualMemoryMgr.h"
 
 #include <cstdio>
 #include <cstring>
 
 int main() {
-    I18NString text("installed", nullptr, -1, nullptr, nullptr);
+    HXLVirtualMemoryMgr store(1 << 16, 0, 0);
+    HXLVirtualPageItem item;
+    std::strcpy(static_cast<char*>(store.alloc(16, item)), "installed");
+    store.dismiss(item);
+    I18NString text(static_cast<const char*>(store.getAddress(item, 1)), nullptr, -1, nullptr,
+                    nullptr);
+    store.dismiss(item);
     int length = 0;
-    const char* utf8 = text.c_str(nullptr, &length, nullptr, nullptr);
-    if (std::strcmp(utf8, "installed") != 0 || length != 10)
+    if (std::strcmp(text.c_str(nullptr, &length, nullptr, nullptr), "installed") != 0 ||
+        length != 10)
         return 1;
     std::printf("consumer OK, library %s\n", HXLVirtualMemMgmtVersion());
     return 0;
