@@ -1,58 +1,18 @@
 #include "HXLVirtualI18NString.h"
 
-#include "HXLVirtualContainer.h"
-#include "HXLVirtualMemoryMgr.h"
+#include "HXLVirtualStringPayload.h"
 
 #include <cstring>
 
-namespace {
-HXLVirtualMemoryMgr* managerOf(HXLVirtualContainer* container) {
-    return container != NULL ? container->getMemoryMgr() : NULL;
-}
-
-// One mapping of a payload, given back when the scope ends, also by an exception.
-class MappedPayload {
-public:
-    MappedPayload(HXLVirtualMemoryMgr* memMgr, unsigned long long offset)
-        : m_memMgr(memMgr), m_offset(offset), m_address(memMgr->getAddress(offset, 1)) {}
-    ~MappedPayload() { release(); }
-    MappedPayload(const MappedPayload&) = delete;
-    MappedPayload& operator=(const MappedPayload&) = delete;
-
-    const void* address() const { return m_address; }
-    void release() {
-        if (m_address != NULL)
-            m_memMgr->dismiss(m_offset);
-        m_address = NULL;
-    }
-
-private:
-    HXLVirtualMemoryMgr* m_memMgr;
-    unsigned long long m_offset;
-    const void* m_address;
-};
-
-// Same size and bytes of two payloads of one store; maps nothing when the sizes differ.
-int equalPayloads(HXLVirtualMemoryMgr* memMgr, const HXLVirtualPageItem& mine,
-                  const HXLVirtualPageItem& theirs) {
-    if (memMgr == NULL || mine.getSize() != theirs.getSize())
-        return 0;
-    MappedPayload first(memMgr, mine.getOffset());
-    MappedPayload second(memMgr, theirs.getOffset());
-    int equal = first.address() != NULL && second.address() != NULL &&
-                        std::memcmp(first.address(), second.address(), mine.getSize()) == 0
-                    ? 1
-                    : 0;
-    first.release(); // this string first, then the other
-    second.release();
-    return equal;
-}
-} // namespace
+using hxl_string_detail::equalPayloads;
+using hxl_string_detail::managerOf;
+using hxl_string_detail::MappedPayload;
+using hxl_string_detail::payloadEquals;
 
 I18NString HXLVirtualI18NString::getString(HXLVirtualMemoryMgr* memMgr) {
     if (memMgr == NULL || empty())
         return I18NString();
-    MappedPayload payload(memMgr, m_offset);
+    MappedPayload payload(memMgr, *this);
     if (payload.address() == NULL)
         return I18NString();
     return I18NString(payload.address(), static_cast<int>(m_size), NULL, NULL);
@@ -96,11 +56,7 @@ int HXLVirtualI18NString::isEqual(const HXLVirtualI18NString& other,
 int HXLVirtualI18NString::isEqual(const I18NString& value, HXLVirtualMemoryMgr* memMgr) {
     if (memMgr == NULL || static_cast<long long>(m_size) != value.size())
         return 0;
-    MappedPayload mine(memMgr, m_offset);
-    return mine.address() != NULL &&
-                   std::memcmp(mine.address(), value.getExternalBuffer(), m_size) == 0
-               ? 1
-               : 0;
+    return payloadEquals(memMgr, *this, value.getExternalBuffer());
 }
 
 int HXLVirtualI18NString::isEqual(const I18NString& value, HXLVirtualContainer* container) {

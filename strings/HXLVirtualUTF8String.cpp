@@ -1,37 +1,13 @@
 #include "HXLVirtualUTF8String.h"
 
-#include "HXLVirtualContainer.h"
-#include "HXLVirtualMemoryMgr.h"
+#include "HXLVirtualStringPayload.h"
 
 #include <cstring>
 
-namespace {
-HXLVirtualMemoryMgr* managerOf(HXLVirtualContainer* container) {
-    return container != NULL ? container->getMemoryMgr() : NULL;
-}
-
-// One mapping of a payload, given back when the scope ends, also by an exception.
-class MappedPayload {
-public:
-    MappedPayload(HXLVirtualMemoryMgr* memMgr, unsigned long long offset)
-        : m_memMgr(memMgr), m_offset(offset), m_address(memMgr->getAddress(offset, 1)) {}
-    ~MappedPayload() { release(); }
-    MappedPayload(const MappedPayload&) = delete;
-    MappedPayload& operator=(const MappedPayload&) = delete;
-
-    const void* address() const { return m_address; }
-    void release() {
-        if (m_address != NULL)
-            m_memMgr->dismiss(m_offset);
-        m_address = NULL;
-    }
-
-private:
-    HXLVirtualMemoryMgr* m_memMgr;
-    unsigned long long m_offset;
-    const void* m_address;
-};
-} // namespace
+using hxl_string_detail::equalPayloads;
+using hxl_string_detail::managerOf;
+using hxl_string_detail::MappedPayload;
+using hxl_string_detail::payloadEquals;
 
 void* HXLVirtualUTF8String::getObjectPtr(HXLVirtualMemoryMgr* memMgr) {
     if (memMgr == NULL)
@@ -46,7 +22,7 @@ void* HXLVirtualUTF8String::getObjectPtr(HXLVirtualContainer* container) {
 I18NString HXLVirtualUTF8String::getString(HXLVirtualMemoryMgr* memMgr) {
     if (memMgr == NULL || empty())
         return I18NString();
-    MappedPayload payload(memMgr, m_offset);
+    MappedPayload payload(memMgr, *this);
     if (payload.address() == NULL)
         return I18NString();
     return I18NString(static_cast<const char*>(payload.address()), NULL, static_cast<int>(m_size),
@@ -103,17 +79,7 @@ void HXLVirtualUTF8String::getI18NBuffer(HXLI18NBuffer& buffer, HXLVirtualContai
 
 int HXLVirtualUTF8String::isEqual(const HXLVirtualUTF8String& other,
                                   HXLVirtualMemoryMgr* memMgr) const {
-    if (memMgr == NULL || m_size != other.getSize())
-        return 0;
-    MappedPayload mine(memMgr, m_offset);
-    MappedPayload theirs(memMgr, other.getOffset());
-    int equal = mine.address() != NULL && theirs.address() != NULL &&
-                        std::memcmp(mine.address(), theirs.address(), m_size) == 0
-                    ? 1
-                    : 0;
-    mine.release(); // this string first, then the other
-    theirs.release();
-    return equal;
+    return equalPayloads(memMgr, *this, other);
 }
 
 int HXLVirtualUTF8String::isEqual(const HXLVirtualUTF8String& other,
@@ -131,8 +97,7 @@ int HXLVirtualUTF8String::isEqual(const I18NString& value, HXLVirtualMemoryMgr* 
     length -= 1;
     if (length < 0 || static_cast<unsigned int>(length) != m_size)
         return 0;
-    MappedPayload mine(memMgr, m_offset);
-    return mine.address() != NULL && std::memcmp(mine.address(), bytes, m_size) == 0 ? 1 : 0;
+    return payloadEquals(memMgr, *this, bytes);
 }
 
 int HXLVirtualUTF8String::isEqual(const I18NString& value, HXLVirtualContainer* container) const {
