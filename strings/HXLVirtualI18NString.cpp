@@ -8,9 +8,10 @@ using hxl_string_detail::equalPayloads;
 using hxl_string_detail::managerOf;
 using hxl_string_detail::MappedPayload;
 using hxl_string_detail::payloadEquals;
+using hxl_string_detail::readablePayload;
 
 I18NString HXLVirtualI18NString::getString(HXLVirtualMemoryMgr* memMgr) {
-    if (memMgr == NULL || empty())
+    if (!readablePayload(memMgr, *this))
         return I18NString();
     MappedPayload payload(memMgr, *this);
     if (payload.address() == NULL)

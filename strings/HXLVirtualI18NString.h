@@ -22,7 +22,8 @@ public:
     // Leaves the payload in the store.
     virtual ~HXLVirtualI18NString() {}
 
-    // The stored text; an empty string when there is no payload or no store.
+    // The stored text; an empty string when there is no payload or no store. Payloads are
+    // counted by an int: a handle whose size was set to 2 GiB or more by hand reads as empty.
     I18NString getString(HXLVirtualMemoryMgr* memMgr);
     I18NString getString(HXLVirtualContainer* container);
 

@@ -7,6 +7,7 @@
 #include "HXLVirtualMemoryMgr.h"
 #include "HXLVirtualPageItem.h"
 
+#include <climits>
 #include <cstring>
 
 namespace hxl_string_detail {
@@ -14,6 +15,14 @@ namespace hxl_string_detail {
 // The manager of `container`; null for a null container, as for one without a manager.
 inline HXLVirtualMemoryMgr* managerOf(HXLVirtualContainer* container) {
     return container != NULL ? container->getMemoryMgr() : NULL;
+}
+
+// Whether getString may read the payload of `item`: a store, a block, and a size that the int
+// length of I18NString can count. A longer size (only a holder who set it by hand can make one:
+// setString stores at most an int's worth) reads as no payload rather than past the block.
+inline bool readablePayload(HXLVirtualMemoryMgr* memMgr, const HXLVirtualPageItem& item) {
+    return memMgr != NULL && item.empty() == 0 &&
+           item.getSize() <= static_cast<unsigned int>(INT_MAX);
 }
 
 // One mapping of a payload, given back when the scope ends, also by an exception. The address

@@ -8,6 +8,7 @@ using hxl_string_detail::equalPayloads;
 using hxl_string_detail::managerOf;
 using hxl_string_detail::MappedPayload;
 using hxl_string_detail::payloadEquals;
+using hxl_string_detail::readablePayload;
 
 void* HXLVirtualUTF8String::getObjectPtr(HXLVirtualMemoryMgr* memMgr) {
     if (memMgr == NULL)
@@ -20,7 +21,7 @@ void* HXLVirtualUTF8String::getObjectPtr(HXLVirtualContainer* container) {
 }
 
 I18NString HXLVirtualUTF8String::getString(HXLVirtualMemoryMgr* memMgr) {
-    if (memMgr == NULL || empty())
+    if (!readablePayload(memMgr, *this))
         return I18NString();
     MappedPayload payload(memMgr, *this);
     if (payload.address() == NULL)

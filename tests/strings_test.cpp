@@ -107,6 +107,13 @@ TEST(Strings, ShorterValueKeepsTheBlockEqualOrLongerMoves) {
     EXPECT_EQ(utf8Of(utf8.getString(&container)), "pq");
     EXPECT_TRUE(internal.getString(&container) == text("xyz"));
     EXPECT_EQ(outstandingReferences(container.getMemoryMgr()), 0u);
+
+    // A size beyond an int's count, set by hand, is not read past the payload.
+    utf8.setSize(0x80000000u);
+    internal.setSize(0x80000000u);
+    EXPECT_TRUE(utf8.getString(&container).empty());
+    EXPECT_TRUE(internal.getString(&container).empty());
+    EXPECT_EQ(outstandingReferences(container.getMemoryMgr()), 0u);
 }
 
 TEST(Strings, ComparisonRules) {
