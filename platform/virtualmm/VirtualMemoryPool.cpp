@@ -25,8 +25,8 @@
 //   4. A span is written out only if it is dirty: mapped for writing (Allocate, GetAddress with
 //      true, Dirty) since it last came in. A clean span has a valid copy in its file slot and is
 //      dropped without a write.
-//   5. A span keeps its file slot from its first write until it is released, so a span that
-//      goes out again is written over its own slot.
+//   5. A span keeps its file slot from its first write until it is released or left empty, so
+//      a span that goes out again is written over its own slot.
 //   6. The page map covers exactly the pages of live spans; released page numbers and file
 //      slots go back to their extent allocators and are reused.
 //   7. outstanding counts the objects whose reference count is above 0; it changes only when a
@@ -34,17 +34,19 @@
 //   8. An I/O failure never changes an object's bytes or frees one: a failed write leaves the
 //      span resident and dirty; a failed read leaves it paged out with its slot intact.
 //
-// Span states and the functions that move a span between them
+// Span states and the functions that move a span between them (pinned is "resident" with a
+// count above 0; it keeps its dirty or clean flag):
 //
-//        newSpan                 pin                          unpin
-//   free -------> resident dirty -----> pinned (dirty) ----------------> resident dirty
-//                      |                                                       |
-//                      | pageOut (write)          pageOut (drop, no write)     |
-//                      v                                   ^                   |
-//                  paged out -------- pageIn ------> resident clean <--- (Dirty, GetAddress
-//                                                                        with true: dirty)
-//   pageOut is called only by makeRoom's clock sweep.
-//   any state ---- releaseSpan (last object deallocated) ----> free
+//   state           entered by                              left by
+//   free            the start; releaseSpan                  newSpan -> resident dirty
+//   resident dirty  newSpan; Allocate, GetAddress(true) or  pageOut, which writes it
+//                   Dirty on a resident span                -> paged out
+//   resident clean  pageIn                                  GetAddress(true), Dirty -> dirty;
+//                                                           pageOut, no write -> paged out
+//   pinned          pin: Allocate, GetAddress               unpin of its last reference
+//   paged out       pageOut, called only by makeRoom's      pageIn: GetAddress, Allocate
+//                   clock sweep
+//   any state: releaseSpan, when the last object of the span is deallocated -> free
 #include "VirtualMemoryPool.h"
 
 #include <algorithm>
@@ -263,11 +265,8 @@ private:
         return span->refs[slot] == kFreeSlot ? nullptr : span;
     }
 
-    unsigned long long slotOffset(const Span* span, unsigned slot) const {
-        return span->classIndex == kLargeClass
-                   ? span->baseOffset()
-                   : span->baseOffset() + static_cast<unsigned long long>(slot) *
-                                              m_classes[span->classIndex].elementSize;
+    static unsigned long long slotOffset(const Span* span, unsigned slot) {
+        return span->baseOffset() + static_cast<unsigned long long>(slot) * span->elementSize;
     }
 
     Span* newSpan(unsigned classIndex, unsigned pages, unsigned slots);
