@@ -103,9 +103,9 @@ void HXLFixedMemoryPool::grow(void* chunk) {
         HXL_TRY {
             chunk = ::operator new(kChunkBytes);
         }
-        HXL_TRANSLATE("HXLFixedMemoryPool::grow");
+        HXL_TRANSLATE(nullptr);
         if (chunk == nullptr)
-            HXL_THROW(HXLOutOfMemoryError(0, nullptr), "HXLFixedMemoryPool::grow");
+            HXL_THROW(HXLOutOfMemoryError(0, nullptr));
     }
     Chunk* c = static_cast<Chunk*>(chunk);
     c->m_next = m_chunks;

@@ -32,9 +32,9 @@ HXLMemoryArena::HXLMemoryArena(int numVarBins, unsigned int maxAllowed, unsigned
             HXL_TRY {
                 pool = new HXLFixedMemoryPool(index2Size(bin), 0, 1);
             }
-            HXL_TRANSLATE("HXLMemoryArena::HXLMemoryArena");
+            HXL_TRANSLATE(nullptr);
             if (pool == nullptr)
-                HXL_THROW(HXLOutOfMemoryError(0, nullptr), "HXLMemoryArena::HXLMemoryArena");
+                HXL_THROW(HXLOutOfMemoryError(0, nullptr));
             m_pools.push_back(pool); // cannot throw: the room is reserved
             if (bin == 0) {
                 int chunkSize = 0;
@@ -45,9 +45,9 @@ HXLMemoryArena::HXLMemoryArena(int numVarBins, unsigned int maxAllowed, unsigned
         HXL_TRY {
             m_nonBinBlocks = new std::set<void*>();
         }
-        HXL_TRANSLATE("HXLMemoryArena::HXLMemoryArena");
+        HXL_TRANSLATE(nullptr);
         if (m_nonBinBlocks == nullptr)
-            HXL_THROW(HXLOutOfMemoryError(0, nullptr), "HXLMemoryArena::HXLMemoryArena");
+            HXL_THROW(HXLOutOfMemoryError(0, nullptr));
     } catch (...) {
         // No destructor runs for a half-built arena: give back the pools made so far.
         release();

@@ -6,12 +6,43 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
+#include <new>
 #include <random>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+namespace {
+// Unless 0, the next operator new of exactly this many bytes fails.
+std::size_t g_failSize = 0;
+} // namespace
+
+void* operator new(std::size_t size) {
+    const bool fail = g_failSize != 0 && size == g_failSize;
+    if (fail)
+        g_failSize = 0;
+    void* p = fail ? nullptr : std::malloc(size == 0 ? 1 : size);
+    if (p == nullptr)
+        throw std::bad_alloc();
+    return p;
+}
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    return std::malloc(size == 0 ? 1 : size);
+}
+// GCC sees the new above through the inlined free below and takes them for a mismatch.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+#endif
+void operator delete(void* p) noexcept {
+    std::free(p);
+}
+void operator delete(void* p, std::size_t) noexcept {
+    std::free(p);
+}
 
 namespace {
 
@@ -145,6 +176,26 @@ TEST(HXLMemoryArena, MisuseAndDamageAreRefused) {
     EXPECT_THROW(HXLMemoryArena(-1, 0, 0), std::length_error);
     EXPECT_THROW(HXLMemoryArena(4094, 0, 0), HXLAssertError);
     EXPECT_EQ(HXLMemoryArena(4093, 0, 0).getNumVarBins(), 4093);
+}
+
+TEST(HXLMemoryArena, HeapRefusalIsOutOfMemoryWithTheBudgetUntouched) {
+    auto refused = [](std::size_t size, auto&& step) {
+        g_failSize = size;
+        try {
+            step();
+            ADD_FAILURE() << size << " bytes were not refused";
+        } catch (const HXLOutOfMemoryError& e) {
+            EXPECT_EQ(e.getBackTrace().front().function, "") << "no function named at the throw";
+        }
+        g_failSize = 0;
+    };
+    refused(sizeof(HXLFixedMemoryPool), [] { HXLMemoryArena(2, 0, 0); });
+    refused(sizeof(std::set<void*>), [] { HXLMemoryArena(2, 0, 0); });
+    HXLMemoryArena arena(2, 0, 0);
+    refused(0x8000, [&arena] { arena.alloc(8); });
+    EXPECT_EQ(budget(arena), 262144u);
+    EXPECT_NE(arena.alloc(8), nullptr);
+    EXPECT_EQ(budget(arena), 262144u - 32768);
 }
 
 TEST(HXLMemoryArenaDeathTest, AbortFlagReachesEveryBin) {
