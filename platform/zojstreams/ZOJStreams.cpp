@@ -124,14 +124,22 @@ void ZOJGZIPOutputStream::write(const char* data, unsigned long long count) {
     if (s.finished)
         throw std::logic_error("ZOJGZIPOutputStream::write: the member is finished");
     const unsigned char* next = reinterpret_cast<const unsigned char*>(data);
-    while (count > 0) {
-        const unsigned long long step = count < kMaxInputStep ? count : kMaxInputStep;
-        // deflate reads through a non-const pointer but never writes to its input.
-        s.stream.next_in = const_cast<unsigned char*>(next);
-        s.stream.avail_in = static_cast<uInt>(step);
-        pump(s.stream, s.chained, s.buffer, s.pending, Z_NO_FLUSH);
-        next += step;
-        count -= step;
+    try {
+        while (count > 0) {
+            const unsigned long long step = count < kMaxInputStep ? count : kMaxInputStep;
+            // deflate reads through a non-const pointer but never writes to its input.
+            s.stream.next_in = const_cast<unsigned char*>(next);
+            s.stream.avail_in = static_cast<uInt>(step);
+            pump(s.stream, s.chained, s.buffer, s.pending, Z_NO_FLUSH);
+            next += step;
+            count -= step;
+        }
+    } catch (...) {
+        // The caller's buffer is not ours beyond this call: a later finish() must not read
+        // it. Input that deflate has not taken yet is dropped with it.
+        s.stream.next_in = nullptr;
+        s.stream.avail_in = 0;
+        throw;
     }
     s.stream.next_in = nullptr;
     s.stream.avail_in = 0;
