@@ -6,11 +6,6 @@
 #include <cstdint>
 #include <cstdlib>
 
-// Set HXL_HEAP_DEBUG to 1 or more to check the free list's order after every free.
-#ifndef HXL_HEAP_DEBUG
-#define HXL_HEAP_DEBUG 0
-#endif
-
 static_assert(sizeof(HXLMemoryPool::memheader) == 16, "a memheader is one 16-byte unit");
 static_assert(alignof(HXLMemoryPool::memheader) == 16, "headers keep 16-byte alignment");
 static_assert(offsetof(HXLMemoryPool::memheader, s.next) == 0, "next at 0");
@@ -137,8 +132,8 @@ void HXLMemoryPool::free(void* memBlock) {
         p = p->s.next;
     }
 
-    // The anchor has 0 units and must never be absorbed, even if it happens to sit right
-    // behind a heap block.
+    // The anchor must never be absorbed, even if it happened to sit right behind a heap block.
+    // (As the lower neighbour it cannot absorb bp: with 0 units it ends where it starts.)
     memheader* upper = p->s.next;
     if (bp + bp->s.units == upper && upper != &m_base) {
         bp->s.units += upper->s.units;
@@ -146,30 +141,13 @@ void HXLMemoryPool::free(void* memBlock) {
     } else {
         bp->s.next = upper;
     }
-    if (p + p->s.units == bp && p != &m_base) {
+    if (p + p->s.units == bp) {
         p->s.units += bp->s.units;
         p->s.next = bp->s.next;
     } else {
         p->s.next = bp;
     }
     m_rover = p;
-#if HXL_HEAP_DEBUG >= 1
-    verifyFreeList();
-#endif
-}
-
-void HXLMemoryPool::verifyFreeList() const {
-    // Exactly one step of the circle may go down in address, and no two blocks may touch.
-    int wraps = 0;
-    const memheader* p = &m_base;
-    do {
-        const memheader* next = p->s.next;
-        if (addr(next) <= addr(p))
-            ++wraps;
-        HXL_ASSERT(p + p->s.units != next || p == &m_base || next == &m_base);
-        p = next;
-    } while (p != &m_base);
-    HXL_ASSERT(wraps == 1);
 }
 
 void HXLMemoryPool::expand(unsigned long long amount) {

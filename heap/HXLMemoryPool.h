@@ -55,7 +55,6 @@ private:
     // Takes a heap block big enough for nunits units and frees it into the list. Gives back
     // m_rover, or null when the budget is 0 or the heap refuses.
     memheader* moreCore(unsigned long long nunits);
-    void verifyFreeList() const;
 
     unsigned long long m_remaining;
     memheader m_base;
