@@ -63,7 +63,10 @@ public:
     void free(void* p);
     // Adds one chunk and carves it for this pool's element size. A non-null chunk is a block of
     // kChunkBytes bytes from operator new (e.g. from reclaim of any pool), which the pool now
-    // owns; null makes the pool take one from operator new. Throws HXLOutOfMemoryError.
+    // owns; null makes the pool take one from operator new. Throws HXLOutOfMemoryError. In plain
+    // mode the new chunk's elements replace the pool's free list: elements that were free in
+    // older chunks are not served again (alloc grows only on an empty list, so only a caller's
+    // grow can strand them) and go back to the heap with the pool.
     void grow(void* chunk);
     // The size stored in the header in front of p (a header-mode element or an arena block);
     // 0 for null. Throws HXLAssertError when the header's filler is damaged.

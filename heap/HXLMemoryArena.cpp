@@ -90,8 +90,8 @@ void* HXLMemoryArena::allocFromBin(unsigned int size) {
         return element;
 
     if (m_remaining >= m_chunkSize) {
-        // Charged as soon as the bin holds the chunk, so that a failure in the alloc below
-        // (a scan with detection on) leaves the budget in step with the bins.
+        // A freshly carved chunk always serves the alloc below; it is charged as soon as the
+        // bin holds it.
         pool->grow(nullptr);
         m_remaining -= m_chunkSize;
         return pool->alloc();
@@ -161,8 +161,8 @@ void HXLMemoryArena::free(void* mem) {
     HXL_ASSERT(mem);
     checkForMemoryOverWrite();
     const unsigned int size = HXLFixedMemoryPool::allocSize(mem);
-    // A size of 0 belongs to no bin; it can only be a foreign pointer, which the lookup below
-    // refuses.
+    // No block of this arena carries a size of 0, and size2Index(0) lies far past the last bin:
+    // such a pointer goes to the lookup below, which refuses it.
     if (size != 0 && size <= binLimit()) {
         m_pools[static_cast<std::size_t>(size2Index(size))]->free(mem);
         return;
