@@ -15,7 +15,9 @@ class HXLVirtualMemoryMgr;
 //
 // One position serves reading and writing. At most one page is mapped at a time, with one
 // reference held on it: a transfer that stops inside a page keeps that page mapped for the
-// next one. Positions and the length are unsigned 32-bit byte counts.
+// next one. Positions and the length are unsigned 32-bit byte counts below 0xFFFFFFFF; one
+// read or write moves at most 0x7FFFFFFF bytes. read and write need an open file, getLength
+// and seek don't.
 //
 // Opened with compression, write() deflates into successive gzip members (one from the first
 // write after a close() up to the next close()); read() gives the stored, compressed bytes.
@@ -68,8 +70,10 @@ public:
     // 2), from the position (1) or from the length (2), wrapping at 32 bits. A position past
     // the end lengthens the file at once without making pages. Returns the position as int.
     int seek(int offset, HXLFmFile::seekorigin origin) override;
-    // Gives back the mapped page and finishes a running compressor (its last bytes are stored
-    // at the position). The content, position and length stay. Returns 1.
+    // Gives back the mapped page, then finishes a running compressor: its last bytes are stored
+    // at the position as a write stores them, and the page they end in may stay mapped.
+    // Nothing else changes and the file stays usable. Returns 1; when finishing throws, the
+    // exception leaves and the compressor is kept for the next close.
     int close() override;
     // The length in bytes, as int.
     int getLength() override;
