@@ -24,6 +24,16 @@ inline unsigned long long outstandingReferences(HXLVirtualMemoryMgr* memMgr) {
     return std::stoull(text.substr(at + marker.size()));
 }
 
+// The text of the HXLAssertError that `call` raises, or "no assertion".
+template <class Call> std::string assertionText(Call call) {
+    try {
+        call();
+    } catch (const HXLAssertError& e) {
+        return e.what();
+    }
+    return "no assertion";
+}
+
 // The classes of the dump example.
 class Book : public HXLVirtualTreeNode {
     HXL_VIRTUAL_NODE_CLASS(Book)
