@@ -2,70 +2,53 @@
 #include "HXLMemoryPool.h"
 #include "heap_model.h"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <cstdint>
 #include <random>
-#include <utility>
+#include <string>
 
 namespace {
 
-// Heap blocks taken and the budget left.
-using Stats = std::pair<unsigned long long, unsigned long long>;
-Stats stats(HXLMemoryPool& pool) {
+// "heap blocks/quantum/budget left" after alloc(nbytes), which must be served or refused.
+std::string served(HXLMemoryPool& pool, unsigned long long nbytes, bool expected,
+                   char** got = nullptr) {
+    char* p = static_cast<char*>(pool.alloc(nbytes));
+    EXPECT_EQ(p != nullptr, expected) << nbytes << " bytes";
+    if (got != nullptr)
+        *got = p;
     unsigned long long blocks = 0, quantum = 0, remaining = 0;
     pool.getStats(blocks, quantum, remaining);
-    return {blocks, remaining};
-}
-unsigned char* b(void* p) {
-    return static_cast<unsigned char*>(p);
+    return std::to_string(blocks) + "/" + std::to_string(quantum) + "/" + std::to_string(remaining);
 }
 
 } // namespace
 
-TEST(HXLMemoryPool, BlocksAreCutFromTheHighEndAndJoinUpAgain) {
+TEST(HXLMemoryPool, BlocksAreCutFromTheHighEndJoinUpAndFollowTheBudget) {
     HXLMemoryPool pool(0, 0);
-    EXPECT_EQ(stats(pool), Stats(0, 262144));
-    unsigned char* first = b(pool.alloc(1)); // 2 units; step 8193 units: 131088 bytes taken
-    EXPECT_EQ(stats(pool), Stats(1, 131056));
-    unsigned char* second = b(pool.alloc(1));
-    EXPECT_EQ(second, first - 32);
-    unsigned char* empty = b(pool.alloc(0));
-    EXPECT_EQ(empty, second - 16) << "alloc(0) is one unit: its header alone";
-    pool.free(second);
-    pool.free(empty);
-    pool.free(first);
-    EXPECT_EQ(b(pool.alloc(131072)), first - 131072 + 16) << "all joined into 8193 units";
-    EXPECT_EQ(stats(pool).first, 1u);
-    try {
-        pool.free(nullptr);
-        ADD_FAILURE();
-    } catch (const HXLAssertError& e) {
-        EXPECT_STREQ(e.what(), "HXL_ASSERT(memBlock);");
-    }
-}
-
-TEST(HXLMemoryPool, TheBudgetDecidesGrowthButIsNoCeiling) {
-    HXLMemoryPool pool(0, 0);
-    pool.alloc(131072);
-    EXPECT_NE(pool.alloc(131072), nullptr); // step 8192 units: a block of 16384, 8191 left free
-    EXPECT_EQ(stats(pool), Stats(2, 0));
-    EXPECT_NE(pool.alloc(131040), nullptr) << "the 8191 free units fit 8190 + 1 exactly";
-    EXPECT_EQ(pool.alloc(131072), nullptr);
+    char *first = nullptr, *second = nullptr, *empty = nullptr;
+    EXPECT_EQ(served(pool, 1, true, &first), "1/131072/131056") << "a heap block of 8193 units";
+    served(pool, 1, true, &second);
+    served(pool, 0, true, &empty);
+    EXPECT_EQ(first - second, 32) << "cut from the high end";
+    EXPECT_EQ(second - empty, 16) << "alloc(0) is its header alone";
+    for (char* p : {second, empty, first})
+        pool.free(p);
+    EXPECT_EQ(served(pool, 131072, true, &second), "1/131072/131056");
+    EXPECT_EQ(second, first - 131072 + 16) << "joined into one block, taken whole";
+    EXPECT_EQ(served(pool, 131072, true), "2/131072/0") << "a block of two steps of 8192 units";
+    EXPECT_EQ(served(pool, 131040, true), "2/131072/0") << "its surplus of 8191 units, exactly";
+    EXPECT_EQ(served(pool, 131072, false), "2/131072/0");
     pool.expand(1);
-    EXPECT_EQ(stats(pool), Stats(2, 131072));
-    EXPECT_NE(pool.alloc(131072), nullptr);
-    EXPECT_EQ(stats(pool), Stats(3, 0));
-
-    HXLMemoryPool big(0, 0);
-    EXPECT_NE(big.alloc(1048576), nullptr);
-    EXPECT_EQ(stats(big), Stats(1, 0));
-    HXLMemoryPool small(100, 16);
-    small.alloc(1);
-    EXPECT_EQ(stats(small), Stats(1, 68)) << "one heap block of 32 bytes";
-    EXPECT_EQ(small.alloc(~0ULL), nullptr) << "no unit count for this size";
-    EXPECT_EQ(small.alloc(~0ULL - 40), nullptr);
-    EXPECT_EQ(stats(small), Stats(1, 68));
+    EXPECT_EQ(served(pool, 131072, true), "3/131072/0") << "expand(1) gave a quantum";
+    EXPECT_THAT([&pool] { pool.free(nullptr); },
+                testing::ThrowsMessage<HXLAssertError>(testing::StrEq("HXL_ASSERT(memBlock);")));
+    HXLMemoryPool big(0, 0), tiny(1, 0), small(100, 16);
+    EXPECT_EQ(served(big, 1048576, true), "1/131072/0");
+    EXPECT_EQ(served(tiny, 1000, true), "1/131072/0");
+    EXPECT_EQ(served(small, 1, true), "1/16/68") << "a heap block of 32 bytes";
+    for (unsigned long long nbytes : {~0ULL, ~0ULL - 40})
+        EXPECT_EQ(served(small, nbytes, false), "1/16/68") << "no unit count for this size";
 }
 
 TEST(HXLMemoryPool, RandomUseKeepsBlocksApartAndIntact) {
