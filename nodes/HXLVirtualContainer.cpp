@@ -8,7 +8,7 @@ HXLVirtualContainer::HXLVirtualContainer(unsigned int a, unsigned int b, int c)
     HXL_TRY {
         m_memoryMgr = new HXLVirtualMemoryMgr(a, b, c);
     }
-    HXL_TRANSLATE("HXLVirtualContainer::HXLVirtualContainer");
+    HXL_TRANSLATE(NULL);
     if (m_memoryMgr == NULL)
         HXL_THROW(HXLOutOfMemoryError(0, NULL));
     m_ownsMemoryMgr = 1;
@@ -20,7 +20,7 @@ HXLVirtualContainer::HXLVirtualContainer(HXLVirtualMemoryMgr::mappertype type, u
     HXL_TRY {
         m_memoryMgr = new HXLVirtualMemoryMgr(type, a, a, b, c);
     }
-    HXL_TRANSLATE("HXLVirtualContainer::HXLVirtualContainer");
+    HXL_TRANSLATE(NULL);
     if (m_memoryMgr == NULL)
         HXL_THROW(HXLOutOfMemoryError(0, NULL));
     m_ownsMemoryMgr = 1;

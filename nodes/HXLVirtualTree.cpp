@@ -32,7 +32,7 @@ void HXLVirtualTree::createRootNode() {
     HXL_TRY {
         m_rootNode = new HXLVirtualTreeNode;
     }
-    HXL_TRANSLATE("HXLVirtualTree::createRootNode");
+    HXL_TRANSLATE(NULL);
     if (m_rootNode == NULL)
         HXL_THROW(HXLOutOfMemoryError(0, NULL));
     m_rootNode->setPageOffset(HXLVirtualPageItem::kInvalidOffset);

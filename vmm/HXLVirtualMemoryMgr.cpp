@@ -56,14 +56,14 @@ void HXLVirtualMemoryMgr::initialize(unsigned int storeSize) {
         m_pool = new tcmalloc::VirtualMemoryPool(static_cast<unsigned long long>(storeSize),
                                                  path.c_str(NULL, NULL, NULL, NULL));
     }
-    HXL_TRANSLATE("HXLVirtualMemoryMgr::initialize");
+    HXL_TRANSLATE(NULL);
     if (m_pool == nullptr)
         HXL_THROW(HXLOutOfMemoryError(0, NULL));
     try {
         HXL_TRY {
             m_pageItemPool = new HXLVirtualPageItemPool(this);
         }
-        HXL_TRANSLATE("HXLVirtualMemoryMgr::initialize");
+        HXL_TRANSLATE(NULL);
         if (m_pageItemPool == nullptr)
             HXL_THROW(HXLOutOfMemoryError(0, NULL));
     } catch (...) {
@@ -195,7 +195,7 @@ void HXLVirtualMemoryMgr::dumpMapper(std::ostream& os, int flags) {
         if (record == nullptr)
             HXL_THROW(HXLOutOfMemoryError(0, NULL));
     }
-    HXL_TRANSLATE("HXLVirtualMemoryMgr::dumpMapper");
+    HXL_TRANSLATE(NULL);
     m_pool->ExtractStats(record, size, size);
 
     os << "**Dump of Virtual Mapper**" << std::endl;

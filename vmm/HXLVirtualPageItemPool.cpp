@@ -48,7 +48,7 @@ void HXLVirtualPageItemPool::set(const void* data, unsigned int size, HXLVirtual
         if (address == nullptr)
             HXL_THROW(HXLOutOfMemoryError(0, NULL));
     }
-    HXL_TRANSLATE("HXLVirtualPageItemPool::set");
+    HXL_TRANSLATE(NULL);
     std::memcpy(address, data, size);
 
     void* copy = nullptr;
@@ -57,7 +57,7 @@ void HXLVirtualPageItemPool::set(const void* data, unsigned int size, HXLVirtual
         if (copy == nullptr)
             HXL_THROW(HXLOutOfMemoryError(0, NULL));
     }
-    HXL_TRANSLATE("HXLVirtualPageItemPool::set");
+    HXL_TRANSLATE(NULL);
     std::memcpy(copy, data, size);
 
     // The reference alloc took goes back at once: a pooled object is held by nobody.
