@@ -1,4 +1,4 @@
-// Helpers shared by the virtual file's tests.
+// Helpers shared by the virtual file's and the gzip stream's tests.
 #ifndef FILE_TEST_UTIL_H
 #define FILE_TEST_UTIL_H
 
@@ -10,57 +10,53 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <random>
 #include <string>
 
-// Turns the process-wide reference-leak switch on for the life of the object.
-class LeakCheckOn {
-public:
-    LeakCheckOn() : m_old(HXLVirtualMemoryMgr::getExceptionOnReferenceLeak()) {
-        HXLVirtualMemoryMgr::setExceptionOnReferenceLeak(1);
-    }
-    ~LeakCheckOn() { HXLVirtualMemoryMgr::setExceptionOnReferenceLeak(m_old); }
-
-private:
-    int m_old;
-};
-
-// Objects of `store` that hold a reference, read from the leak check's report (needs the
-// switch on).
+// Objects of `store` with a reference held, read from the leak check's report. The check is
+// switched on for good: each test program is a process of its own.
 inline int outstandingReferences(HXLVirtualMemoryMgr& store) {
+    HXLVirtualMemoryMgr::setExceptionOnReferenceLeak(1);
     try {
         store.throwExceptionOnReferenceLeak();
         return 0;
     } catch (const HXLIllegalStateError& e) {
-        const char* colon = std::strrchr(e.what(), ':');
-        return colon ? std::atoi(colon + 1) : -1;
+        return std::atoi(std::strrchr(e.what(), ':') + 1);
     }
 }
 
-// Inflates every gzip member of `gz` one behind the other; fails the test on damaged input.
+// Inflates the gzip members of `gz` one behind the other; fails the test on damaged input.
 inline std::string gunzip(const std::string& gz) {
     std::string out;
     z_stream zs{};
     EXPECT_EQ(inflateInit2(&zs, 15 + 16), Z_OK);
     zs.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(gz.data()));
     zs.avail_in = static_cast<uInt>(gz.size());
-    char buffer[4096];
-    for (;;) {
+    for (bool ended = false; zs.avail_in > 0 || !ended;) {
+        char buffer[4096];
         zs.next_out = reinterpret_cast<Bytef*>(buffer);
         zs.avail_out = sizeof(buffer);
         const int rc = inflate(&zs, Z_NO_FLUSH);
         out.append(buffer, sizeof(buffer) - zs.avail_out);
-        if (rc == Z_STREAM_END && zs.avail_in == 0)
-            break;
-        if (rc == Z_STREAM_END) {
+        ended = rc == Z_STREAM_END;
+        if (ended) // the next member follows directly
             inflateReset(&zs);
-            continue;
-        }
-        EXPECT_EQ(rc, Z_OK) << "damaged gzip stream";
-        if (rc != Z_OK)
+        else if (rc != Z_OK) {
+            ADD_FAILURE() << "damaged gzip stream";
             break;
+        }
     }
     inflateEnd(&zs);
     return out;
+}
+
+// Random bytes: deflate gets nothing out of them, so its output is as large as its input.
+inline std::string sample(size_t size, unsigned seed) {
+    std::mt19937 rng(seed);
+    std::string s(size, '\0');
+    for (char& c : s)
+        c = static_cast<char>(rng());
+    return s;
 }
 
 #endif
