@@ -29,7 +29,9 @@ public:
     ZOJGZIPOutputStream& operator=(const ZOJGZIPOutputStream&) = delete;
 
     // Compresses `count` bytes (0 allowed); may pass compressed bytes on or hold them back.
-    // Throws std::logic_error without a chained stream or after finish().
+    // Throws std::logic_error without a chained stream or after finish(). When the chained
+    // stream throws, the exception passes out and the part of `data` not yet compressed is
+    // dropped: the stream never reads the caller's bytes after write returns.
     void write(const char* data, unsigned long long count) override;
     // Passes on everything compressed so far (a zlib sync flush); the member goes on.
     void flush() override;
