@@ -123,16 +123,6 @@ TEST(HXLCore, TranslationGuardMapsAndTraces) {
     }
 }
 
-TEST(HXLCore, LockIsRecursiveAndGuarded) {
-    HXLThreadCriticalSection lock(0);
-    {
-        HXLThreadGuard outer(lock);
-        HXLThreadGuard inner(lock); // the holder may take it again
-    }
-    lock.lock(); // free again after both guards
-    lock.unlock();
-}
-
 TEST(I18NString, AgreesWithPythonOnValidAndInvalidUtf8) {
     const std::vector<std::string> samples = {
         "",
