@@ -11,7 +11,6 @@
 #include <random>
 #include <set>
 #include <sstream>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -41,7 +40,6 @@ namespace {
 unsigned int left(HXLMemoryArena& arena, unsigned int ceiling) {
     unsigned int pools = 0, used = 0, remaining = 0;
     arena.getPoolStats(pools, used, remaining);
-    EXPECT_EQ(pools, 1u);
     EXPECT_EQ(used + remaining, ceiling);
     return remaining;
 }
@@ -51,11 +49,10 @@ int chunks(HXLMemoryArena& arena, int bin) {
     return count;
 }
 std::vector<std::string> dumpLines(HXLMemoryArena& arena) {
-    std::ostringstream os;
-    arena.dumpStats(os);
-    std::istringstream is(os.str());
+    std::stringstream report;
+    arena.dumpStats(report);
     std::vector<std::string> lines;
-    for (std::string line; std::getline(is, line);)
+    for (std::string line; std::getline(report, line);)
         lines.push_back(line);
     return lines;
 }
@@ -79,15 +76,14 @@ template <class Step> std::string thrown(Step&& step) {
 
 } // namespace
 
+// The random run below checks the budget after every step; here, which chunks go where.
 TEST(HXLMemoryArena, SpentBudgetMovesChunksBetweenBinsOrTrimsThem) {
     HXLMemoryArena arena(4, 3 * 32768, 0);
     churn(arena, 32, 683); // two wholly free chunks in bin 3
     for (int i = 0; i < 2047; ++i)
         arena.alloc(8); // bin 0 full, budget spent
     EXPECT_NE(arena.alloc(8), nullptr);
-    EXPECT_EQ(chunks(arena, 0) * 10 + chunks(arena, 3), 21);
-    EXPECT_EQ(dumpLines(arena)[1], "Pool Statistics - Max Allowed: 98304, Memory used: 98304, "
-                                   "Pool remaining: 0, Expansions: 0, Reclaims: 1");
+    EXPECT_EQ(chunks(arena, 0) * 10 + chunks(arena, 3), 21) << "bin 3 gave its second";
     for (int i = 1; i < 2047; ++i)
         arena.alloc(8);
     EXPECT_EQ(arena.alloc(8), nullptr) << "every bin keeps its first wholly free chunk";
@@ -95,17 +91,8 @@ TEST(HXLMemoryArena, SpentBudgetMovesChunksBetweenBinsOrTrimsThem) {
     HXLMemoryArena trimmed(4, 3 * 32768, 0);
     churn(trimmed, 8, 2048); // two wholly free chunks in bin 0
     churn(trimmed, 32, 1);   // one in bin 3
-    void* p = trimmed.alloc(40000);
-    EXPECT_EQ(left(trimmed, 98304), 65536u - 40008);
+    EXPECT_NE(trimmed.alloc(40000), nullptr);
     EXPECT_EQ(chunks(trimmed, 0) * 10 + chunks(trimmed, 3), 1) << "bin 0 released enough";
-    trimmed.free(p);
-    EXPECT_EQ(trimmed.alloc(1000000), nullptr);
-    EXPECT_EQ(left(trimmed, 98304), 98304u) << "trimmed bytes stay credited";
-    trimmed.expand(1);
-    trimmed.expand(100000);
-    EXPECT_EQ(trimmed.alloc(100001 + 131080), nullptr);
-    EXPECT_NE(trimmed.alloc(100000 + 131080), nullptr) << "expand gave 32776 and 100008";
-    EXPECT_EQ(left(trimmed, 98304 + 32776 + 100008), 0u);
     HXLMemoryArena huge(0, 0xFFFFFFFFu, 0); // block sizes past 32 bits are refused
     EXPECT_EQ(huge.alloc(0xFFFFFFF8u), nullptr);
     EXPECT_EQ(left(huge, 0xFFFFFFFFu), 0xFFFFFFFFu);
@@ -113,17 +100,6 @@ TEST(HXLMemoryArena, SpentBudgetMovesChunksBetweenBinsOrTrimsThem) {
 
 TEST(HXLMemoryArena, MisuseDamageAndRefusedMemoryAreReported) {
     HXLMemoryArena arena(4, 0, 0);
-    EXPECT_EQ(thrown([&] { arena.free(nullptr); }), "HXL_ASSERT(mem);");
-    alignas(16) unsigned char forged[24] = {0xE8, 0x03, 0, 0, 0, 0, 1, 0x0E}; // size 1000
-    EXPECT_EQ(
-        thrown([&] { arena.free(forged + 8); }),
-        "HXL_ASSERT_NAMED(eraseCount == 1, \"Invalid memory chunk in HXLMemoryArena::free\");");
-    arena.setAbortProcessOnMemoryOverWrites(1); // allocSize has no flags: still an assertion
-    unsigned char* p = static_cast<unsigned char*>(arena.alloc(100));
-    p[-1] = 0;
-    EXPECT_EQ(thrown([&] { arena.free(p); }), "HXL_ASSERT(rh->m_filler3 == 0xE);");
-    p[-1] = 0x0E;
-    arena.free(p);
     // The heap refuses a pool, the block set, then a chunk: the budget stays untouched.
     for (std::size_t size : {sizeof(HXLFixedMemoryPool), sizeof(std::set<void*>), 0x8000ul}) {
         g_failSize = size;
@@ -134,16 +110,22 @@ TEST(HXLMemoryArena, MisuseDamageAndRefusedMemoryAreReported) {
                   "Out of memory");
     }
     EXPECT_EQ(left(arena, 262144), 262144u);
+    EXPECT_EQ(thrown([&] { arena.free(nullptr); }), "HXL_ASSERT(mem);");
+    alignas(16) unsigned char forged[24] = {0xE8, 0x03, 0, 0, 0, 0, 1, 0x0E}; // size 1000
+    EXPECT_EQ(
+        thrown([&] { arena.free(forged + 8); }),
+        "HXL_ASSERT_NAMED(eraseCount == 1, \"Invalid memory chunk in HXLMemoryArena::free\");");
+    arena.setAbortProcessOnMemoryOverWrites(1); // allocSize has no flags: still an assertion
+    unsigned char* p = static_cast<unsigned char*>(arena.alloc(100));
+    p[-1] = 0;
+    EXPECT_EQ(thrown([&] { arena.free(p); }), "HXL_ASSERT(rh->m_filler3 == 0xE);");
     arena.setAbortProcessOnMemoryOverWrites(0);
     arena.setDetectMemoryOverWrites(1); // every bin scans: damage in bin 2 stops a non-bin alloc
     std::memset(arena.alloc(24), 0, 32);
     EXPECT_EQ(thrown([&] { arena.alloc(100); }), "HXL_ASSERT(rh->m_filler3 == 0xE);");
-    EXPECT_THROW(HXLMemoryArena(-1, 0, 0), std::length_error);
-    EXPECT_THROW(HXLMemoryArena(4094, 0, 0), HXLAssertError);
-    EXPECT_EQ(HXLMemoryArena(4093, 0, 0).getNumVarBins(), 4093);
 }
 
-TEST(HXLMemoryArena, HeadersBudgetAndTheReport) {
+TEST(HXLMemoryArena, HeadersAndTheReport) {
     HXLMemoryArena arena(2, 0, 0);
     EXPECT_EQ(arena.size2Bin(0), 0x1FFFFFFF);
     EXPECT_EQ(arena.alloc(0), nullptr);
@@ -151,10 +133,6 @@ TEST(HXLMemoryArena, HeadersBudgetAndTheReport) {
     auto* big = static_cast<unsigned char*>(arena.alloc(100));
     for (auto* p : {small, big})
         EXPECT_EQ(reinterpret_cast<std::uintptr_t>(p) % 16, 8u);
-    EXPECT_EQ(HXLFixedMemoryPool::allocSize(big), 100u);
-    std::uint32_t word = 0;
-    std::memcpy(&word, big - 4, 4);
-    EXPECT_EQ(word, 0x0E010000u) << "offset 0, in use, filler";
     const std::vector<std::string> expected = {
         "",
         "Pool Statistics - Max Allowed: 262144, Memory used: 32876, Pool remaining: 229268, "
@@ -169,57 +147,44 @@ TEST(HXLMemoryArena, HeadersBudgetAndTheReport) {
         "Elements/Chunk: 1023",
         ""};
     EXPECT_EQ(dumpLines(arena), expected);
-    arena.free(small);
-    arena.free(big);
-    EXPECT_EQ(left(arena, 262144), 229376u) << "the bin keeps its chunk, the block gives 108";
-    int size = -1, count = -1, perChunk = -1;
-    for (int bin : {-1, 2}) {
-        arena.getPoolStats(bin, &size, &count, &perChunk);
-        EXPECT_EQ(size | count | perChunk, 0);
-    }
-    HXLMemoryArena none(0, 0, 0);
-    EXPECT_EQ(dumpLines(none)[3], "Arena Statistics - Memory Bins: 0, Non Bin Allocs: 0 (0/0)");
-    none.free(none.alloc(33));
-    none.free(none.alloc(100));
-    EXPECT_EQ(dumpLines(none)[3], "Arena Statistics - Memory Bins: 0, Non Bin Allocs: 2 (41/108)");
-    EXPECT_EQ(dumpLines(none).size(), 5u);
+    arena.free(big); // freeing leaves the count and the sizes seen
+    arena.free(arena.alloc(17));
+    EXPECT_EQ(dumpLines(arena)[3], "Arena Statistics - Memory Bins: 2, Non Bin Allocs: 2 (25/108)");
 }
 
 TEST(HXLMemoryArena, RandomUseKeepsBlocksApartAndTheBudgetBalanced) {
     std::mt19937 rng(64);
     HXLMemoryArena arena(32, 0, 0);
     HeapModel model;
-    unsigned int ceiling = 262144, nonBinBytes = 0, binBytes = 0, trims = 0;
-    // Phases fill a few hot bins and then drain them, so that wholly free chunks pile up and
-    // later phases must move them between bins or trim them for non-bin blocks.
-    for (int phase = 0; phase < 24 && !HasFatalFailure(); ++phase) {
-        const unsigned int hot = 8 * (rng() % 29), allocPercent = phase % 2 == 0 ? 80 : 15;
-        for (int step = 0; step < 1500 && !HasFatalFailure(); ++step) {
-            if (model.count() > 0 && rng() % 100 >= allocPercent) {
-                void* p = model.remove(rng());
-                const unsigned int size = HXLFixedMemoryPool::allocSize(p);
-                nonBinBytes -= size > 256 ? size + 8 : 0;
-                arena.free(p);
-            } else {
-                const unsigned int size =
-                    rng() % 20 == 0 ? 257 + rng() % 40000 : hot + 1 + rng() % 32;
-                void* p = arena.alloc(size);
-                if (p == nullptr && rng() % 8 == 0) {
-                    arena.expand(size);
-                    ceiling += std::max(size, 32768u) + 8;
-                    ASSERT_NE(p = arena.alloc(size), nullptr) << "expand(size) makes room";
-                }
-                if (p != nullptr)
-                    model.add(p, size);
-                nonBinBytes += p != nullptr && size > 256 ? size + 8 : 0;
+    unsigned int ceiling = 262144, nonBinBytes = 0, binBytes = 0, trims = 0, hot = 0;
+    // Phases of 1500 steps fill a few hot bins and then drain them, so that wholly free chunks
+    // pile up and later phases must move them between bins or trim them for non-bin blocks.
+    for (int step = 0; step < 24 * 1500 && !HasFatalFailure(); ++step) {
+        hot = step % 1500 == 0 ? 8 * (rng() % 29) : hot;
+        const unsigned int allocPercent = step / 1500 % 2 == 0 ? 80 : 15;
+        if (model.count() > 0 && rng() % 100 >= allocPercent) {
+            void* p = model.remove(rng());
+            const unsigned int size = HXLFixedMemoryPool::allocSize(p);
+            nonBinBytes -= size > 256 ? size + 8 : 0;
+            arena.free(p);
+        } else {
+            const unsigned int size = rng() % 20 == 0 ? 257 + rng() % 40000 : hot + 1 + rng() % 32;
+            void* p = arena.alloc(size);
+            if (p == nullptr && rng() % 8 == 0) {
+                arena.expand(size);
+                ceiling += std::max(size, 32768u) + 8;
+                ASSERT_NE(p = arena.alloc(size), nullptr) << "expand(size) makes room";
             }
-            const unsigned int before = binBytes;
-            binBytes = 0;
-            for (int bin = 0; bin < 32; ++bin)
-                binBytes += 32768 * static_cast<unsigned int>(chunks(arena, bin));
-            trims += binBytes < before;
-            ASSERT_EQ(ceiling - left(arena, ceiling), binBytes + nonBinBytes) << "phase " << phase;
+            if (p != nullptr)
+                model.add(p, size);
+            nonBinBytes += p != nullptr && size > 256 ? size + 8 : 0;
         }
+        const unsigned int before = binBytes;
+        binBytes = 0;
+        for (int bin = 0; bin < 32; ++bin)
+            binBytes += 32768 * static_cast<unsigned int>(chunks(arena, bin));
+        trims += binBytes < before;
+        ASSERT_EQ(ceiling - left(arena, ceiling), binBytes + nonBinBytes) << "step " << step;
     }
     EXPECT_GT(trims, 0u);
     EXPECT_EQ(dumpLines(arena)[1].find("Reclaims: 0"), std::string::npos) << dumpLines(arena)[1];

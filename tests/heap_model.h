@@ -21,25 +21,23 @@ public:
         ASSERT_TRUE(below == m_live.begin() ||
                     std::prev(below)->first + std::prev(below)->second.first <= at)
             << "overlaps a live block";
-        const unsigned char tag = static_cast<unsigned char>(++m_counter | 1);
-        std::memset(p, tag, size);
-        m_live[at] = {size, tag};
+        m_live[at] = {size, static_cast<unsigned char>(++m_counter | 1)};
+        std::memset(p, m_live[at].second, size);
     }
     // Checks and forgets the live block n (modulo the count, in address order); gives it back.
     void* remove(std::size_t n) {
         const auto it = std::next(m_live.begin(), static_cast<std::ptrdiff_t>(n % m_live.size()));
         unsigned char* bytes = reinterpret_cast<unsigned char*>(it->first);
-        const std::size_t size = it->second.first;
-        EXPECT_EQ(static_cast<std::size_t>(std::count(bytes, bytes + size, it->second.second)),
-                  size)
-            << "a live block was overwritten";
+        EXPECT_TRUE(std::all_of(bytes, bytes + it->second.first, [&](unsigned char c) {
+            return c == it->second.second;
+        })) << "a live block was overwritten";
         m_live.erase(it);
         return bytes;
     }
     std::size_t count() const { return m_live.size(); }
 
 private:
-    std::map<std::uintptr_t, std::pair<std::size_t, unsigned char>> m_live;
+    std::map<std::uintptr_t, std::pair<std::size_t, unsigned char>> m_live; // size, fill byte
     unsigned int m_counter = 0;
 };
 
