@@ -2,8 +2,6 @@
 #include "HXLVirtualFile.h"
 #include "file_test_util.h"
 
-#include <gmock/gmock.h>
-
 #include <cstdio>
 #include <fstream>
 #include <stdexcept>
@@ -33,18 +31,24 @@ std::string readAll(HXLVirtualFile& file) {
 
 } // namespace
 
-TEST(CompressedFile, MembersInflateToWhatWasWritten) {
+TEST(CompressedFile, MembersInflateToWhatWasWrittenAndResetOrDestructionEndsThem) {
     HXLVirtualMemoryMgr store(32 * 1024, 0, 64);
+    const std::string first = sample(300000, 1), second = sample(5000, 2);
+    {
+        HXLVirtualFile borrowing, owning, neverOpened; // the owning one deletes its store
+        borrowing.open(&store, 0, kPage, true);
+        owning.open(16 * 1024u, 0, kPage, true);
+        borrowing.write(first.data(), 20000);
+        owning.write(first.data(), 20000);
+    }
+    EXPECT_EQ(outstandingReferences(store), 0) << "destruction with a compressor running";
     RecordingFile file;
     file.open(&store, 0, kPage, true);
     EXPECT_EQ(file.close(), 1) << "no write, no compressor";
     EXPECT_EQ(file.getLength(), 0);
-    const std::string first = sample(300000, 1), second = sample(5000, 2);
     EXPECT_EQ(file.write(first.data(), 100000), 100000);
     EXPECT_EQ(file.write(first.data() + 100000, 200000), 200000);
     file.close();
-    EXPECT_EQ(outstandingReferences(store), file.getLength() % kPage != 0 ? 1 : 0)
-        << "the last bytes of the finish stay mapped unless they end a page";
     // Behind a close the next write starts a new member where the position stands; an empty
     // write makes one too, and a finish that fails keeps its compressor for the next close.
     EXPECT_EQ(file.write(second.data(), 5000), 5000);
@@ -66,32 +70,17 @@ TEST(CompressedFile, MembersInflateToWhatWasWritten) {
     EXPECT_EQ(std::system(("gzip -dc < " + path + ".gz | cmp -s - " + path).c_str()), 0);
     std::remove((path + ".gz").c_str());
     std::remove(path.c_str());
-}
 
-TEST(CompressedFile, ResetAndDestructionEndTheCompressorAndAnUnboundSinkAsserts) {
-    HXLVirtualMemoryMgr store(32 * 1024, 0, 64);
-    const std::string data = sample(20000, 3);
+    // A reset with a compressor running finishes its member before the length goes to 0.
     for (bool disposePages : {false, true}) {
-        RecordingFile file;
-        file.open(&store, 0, kPage, true);
-        file.write(data.data(), 20000);
+        file.stored.clear();
+        file.write(first.data(), 20000);
         file.reset(disposePages);
         EXPECT_EQ(file.getLength(), 0);
         EXPECT_EQ(outstandingReferences(store), 0);
-        ASSERT_EQ(gunzip(file.stored), data) << "the member was finished before the reset";
+        ASSERT_EQ(gunzip(file.stored), first.substr(0, 20000));
         file.write("again", 5); // a fresh member from position 0
         file.close();
         EXPECT_EQ(gunzip(readAll(file)), "again");
     }
-    {
-        HXLVirtualFile borrowing, owning, neverOpened; // the owning one deletes its store
-        borrowing.open(&store, 0, kPage, true);
-        owning.open(16 * 1024u, 0, kPage, true);
-        borrowing.write(data.data(), 20000);
-        owning.write(data.data(), 20000);
-    }
-    EXPECT_EQ(outstandingReferences(store), 0);
-    HXLVirtualFile::HXLVirtualFileOuputStream unbound;
-    EXPECT_THAT([&] { unbound.write("x", 1); },
-                testing::ThrowsMessage<HXLAssertError>(testing::StrEq("HXL_ASSERT(m_vfileIo);")));
 }

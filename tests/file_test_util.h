@@ -29,23 +29,19 @@ inline int outstandingReferences(HXLVirtualMemoryMgr& store) {
 inline std::string gunzip(const std::string& gz) {
     std::string out;
     z_stream zs{};
-    EXPECT_EQ(inflateInit2(&zs, 15 + 16), Z_OK);
+    int rc = inflateInit2(&zs, 15 + 16);
     zs.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(gz.data()));
     zs.avail_in = static_cast<uInt>(gz.size());
-    for (bool ended = false; zs.avail_in > 0 || !ended;) {
+    while (rc == Z_OK || (rc == Z_STREAM_END && zs.avail_in > 0)) {
+        if (rc == Z_STREAM_END) // the next member follows directly
+            inflateReset(&zs);
         char buffer[4096];
         zs.next_out = reinterpret_cast<Bytef*>(buffer);
-        zs.avail_out = sizeof(buffer);
-        const int rc = inflate(&zs, Z_NO_FLUSH);
-        out.append(buffer, sizeof(buffer) - zs.avail_out);
-        ended = rc == Z_STREAM_END;
-        if (ended) // the next member follows directly
-            inflateReset(&zs);
-        else if (rc != Z_OK) {
-            ADD_FAILURE() << "damaged gzip stream";
-            break;
-        }
+        zs.avail_out = sizeof buffer;
+        rc = inflate(&zs, Z_NO_FLUSH);
+        out.append(buffer, sizeof buffer - zs.avail_out);
     }
+    EXPECT_EQ(rc, Z_STREAM_END) << "damaged or truncated gzip stream";
     inflateEnd(&zs);
     return out;
 }
