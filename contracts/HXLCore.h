@@ -301,7 +301,8 @@ public:
     // Writes all `count` bytes; returns `count` or -1. Counts above 0x7FFFFFFF fail (EINVAL).
     virtual int write(const void* data, unsigned int count);
     // Moves the position; returns the new position or -1 (EINVAL for an unknown origin or a
-    // position before the start; EOVERFLOW past 0x7FFFFFFF).
+    // position before the start; EOVERFLOW past 0x7FFFFFFF). A failed seek leaves the
+    // position where it was.
     virtual int seek(int offset, seekorigin origin);
     // Copies the whole content of `other` (from its start) to the end of this file; leaves the
     // position of both at their end. Returns 1, or 0 on failure.

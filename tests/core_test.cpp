@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -258,6 +259,10 @@ TEST(HXLFmFile, ReadsWritesSeeksTruncatesAppends) {
     std::memset(buffer, 0, sizeof(buffer));
     EXPECT_EQ(file.read(buffer, sizeof(buffer)), 7);
     EXPECT_STREQ(buffer, "hello!!");
+    // A seek the result cannot express leaves the position alone.
+    EXPECT_EQ(file.seek(INT_MAX, HXLFmFile::eSeekBegin), INT_MAX);
+    EXPECT_EQ(file.seek(10, HXLFmFile::eSeekCurrent), -1);
+    EXPECT_EQ(file.seek(0, HXLFmFile::eSeekCurrent), INT_MAX);
     EXPECT_EQ(file.close(), 1);
     EXPECT_EQ(other.close(), 1);
 

@@ -91,11 +91,16 @@ int HXLFmFile::seek(int offset, seekorigin origin) {
     default:
         return fail(EINVAL);
     }
+    const off_t before = ::lseek(m_fd, 0, SEEK_CUR);
     const off_t pos = ::lseek(m_fd, static_cast<off_t>(offset), whence);
     if (pos < 0)
         return fail(errno);
-    if (pos > INT_MAX)
+    if (pos > INT_MAX) {
+        // A position the result cannot express is refused: the file stays where it was, so
+        // the next transfer does not land beyond 2 GiB.
+        ::lseek(m_fd, before, SEEK_SET);
         return fail(EOVERFLOW);
+    }
     return static_cast<int>(pos);
 }
 
