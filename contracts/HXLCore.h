@@ -305,7 +305,8 @@ public:
     // position where it was.
     virtual int seek(int offset, seekorigin origin);
     // Copies the whole content of `other` (from its start) to the end of this file; leaves the
-    // position of both at their end. Returns 1, or 0 on failure.
+    // position of both at their end. `other` may be this file, whose content is then doubled.
+    // Returns 1, or 0 on failure.
     virtual int append(HXLFmFile& other);
     // Binds to a standard stream (not closed by this object). Returns 1, or 0.
     virtual int open(stdiotypes stream);

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -259,10 +260,22 @@ TEST(HXLFmFile, ReadsWritesSeeksTruncatesAppends) {
     std::memset(buffer, 0, sizeof(buffer));
     EXPECT_EQ(file.read(buffer, sizeof(buffer)), 7);
     EXPECT_STREQ(buffer, "hello!!");
-    // A seek the result cannot express leaves the position alone.
+    // A file appended to itself is doubled, also past one copy buffer; a seek the result cannot
+    // express leaves the position alone.
+    std::vector<char> big(100000), back(200000);
+    for (size_t i = 0; i < big.size(); ++i)
+        big[i] = static_cast<char>(i % 251);
+    EXPECT_EQ(file.truncate(0), 1);
+    EXPECT_EQ(file.seek(0, HXLFmFile::eSeekBegin), 0);
+    EXPECT_EQ(file.write(big.data(), 100000), 100000);
+    EXPECT_EQ(file.append(file), 1);
     EXPECT_EQ(file.seek(INT_MAX, HXLFmFile::eSeekBegin), INT_MAX);
     EXPECT_EQ(file.seek(10, HXLFmFile::eSeekCurrent), -1);
     EXPECT_EQ(file.seek(0, HXLFmFile::eSeekCurrent), INT_MAX);
+    EXPECT_EQ(file.seek(0, HXLFmFile::eSeekBegin), 0);
+    EXPECT_EQ(file.read(back.data(), 200000), 200000);
+    EXPECT_TRUE(std::equal(big.begin(), big.end(), back.begin()) &&
+                std::equal(big.begin(), big.end(), back.begin() + 100000));
     EXPECT_EQ(file.close(), 1);
     EXPECT_EQ(other.close(), 1);
 

@@ -1,5 +1,6 @@
 #include "HXLCore.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -109,11 +110,30 @@ int HXLFmFile::append(HXLFmFile& other) {
         return refuse(EBADF);
     if (seek(0, eSeekEnd) < 0)
         return 0;
+    std::vector<char> buffer(64 * 1024);
+    if (&other == this) {
+        // One descriptor, one position: read the original bytes by place, so that what is
+        // appended is never read back and the file is doubled exactly.
+        const int length = getLength();
+        if (length < 0)
+            return 0;
+        for (off_t at = 0; at < length;) {
+            const size_t want = std::min(buffer.size(), static_cast<size_t>(length - at));
+            const ssize_t n = ::pread(m_fd, buffer.data(), want, at);
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n <= 0)
+                return refuse(n < 0 ? errno : EIO);
+            if (write(buffer.data(), static_cast<unsigned int>(n)) != n)
+                return 0;
+            at += n;
+        }
+        return 1;
+    }
     if (other.seek(0, eSeekBegin) < 0) {
         m_lastError = other.getLastErrorNumber();
         return 0;
     }
-    std::vector<char> buffer(64 * 1024);
     for (;;) {
         const int n = other.read(buffer.data(), static_cast<unsigned int>(buffer.size()));
         if (n < 0) {
