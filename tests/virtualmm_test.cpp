@@ -379,6 +379,18 @@ TEST(VirtualMemoryPool, MisuseLeavesTheStoreIntact) {
     EXPECT_TRUE(readBack(pool, a, 100, 1));
     EXPECT_TRUE(readBack(pool, big, 20000, 3));
     EXPECT_EQ(stats(pool).objectsCurrent, 2u);
+
+    // Ending objects that are still pinned unpins their spans (two objects to a span here, the
+    // other one kept), and the store goes back within its budget.
+    std::vector<PageItem> held(40);
+    for (unsigned i = 0; i < held.size(); ++i)
+        fill(pool.Allocate(4000, held[i]), 4000, i);
+    for (unsigned i = 0; i < held.size(); i += 2) {
+        pool.Dismiss(held[i]);
+        pool.Deallocate(held[i + 1]);
+    }
+    EXPECT_LE(stats(pool).residentBytes, kBudget);
+    EXPECT_TRUE(readBack(pool, held[38].offset, 4000, 38));
 }
 
 TEST(VirtualMemoryPool, SpansMappedOnlyForReadingAreDroppedWithoutWrite) {

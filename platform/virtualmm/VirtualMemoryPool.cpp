@@ -816,6 +816,10 @@ void VirtualMemoryPool::Engine::deallocate(unsigned long long offset) {
     }
     if (!span->onNonFullList)
         nonFullPush(span);
+    // Ending a pinned object may have unpinned a span that held the store above its budget
+    // (rule 3), as the last dismiss would have.
+    if (m_residentBytes > m_budget)
+        makeRoom(0);
 }
 
 void VirtualMemoryPool::Engine::extractStats(VirtualMemoryStats* stats, unsigned long long size,
