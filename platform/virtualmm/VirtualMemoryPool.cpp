@@ -344,6 +344,10 @@ VirtualMemoryPool::Engine::Engine(unsigned long long budget, const char* path)
         }
         size += step;
     }
+    // Room for every buffer the cache may keep, so that dropBuffer, called half-way through
+    // moving a span out of memory, never allocates.
+    for (unsigned pages = 1; pages <= kCachedBufferPages; ++pages)
+        m_buffers[pages].reserve((kBufferCacheBytes >> kPageShift) / pages);
     m_classOfGranules.resize(kMaxSmallSize / kClassGranule + 1);
     unsigned index = 0;
     for (unsigned granules = 0; granules < m_classOfGranules.size(); ++granules) {
@@ -410,6 +414,18 @@ Span* VirtualMemoryPool::Engine::newSpan(unsigned classIndex, unsigned pages, un
     // recycled buffer holds old bytes of this store, which are as good.
     if (!recycled)
         std::memset(memory, 0, bytes);
+    // The page map grows before anything else changes, to cover the pages take() may add at
+    // the end, so that running out of memory leaves the store as it was and gives null rather
+    // than an exception. A map longer than the page numbers in use is harmless: its tail stays
+    // null.
+    if (m_pageNumbers.end() + pages > m_pageMap.size()) {
+        try {
+            m_pageMap.resize(m_pageNumbers.end() + pages, nullptr);
+        } catch (const std::exception&) {
+            dropBuffer(memory, pages);
+            return nullptr;
+        }
+    }
     Span* span = new (std::nothrow) Span();
     unsigned* refs = new (std::nothrow) unsigned[slots];
     unsigned* freeStack = new (std::nothrow) unsigned[slots];
@@ -421,8 +437,6 @@ Span* VirtualMemoryPool::Engine::newSpan(unsigned classIndex, unsigned pages, un
         return nullptr;
     }
     span->firstPage = m_pageNumbers.take(pages);
-    if (m_pageNumbers.end() > m_pageMap.size())
-        m_pageMap.resize(m_pageNumbers.end(), nullptr);
     span->pageCount = pages;
     span->classIndex = classIndex;
     span->elementSize = classIndex == kLargeClass ? 0 : m_classes[classIndex].elementSize;
