@@ -38,7 +38,7 @@ struct VirtualMemoryStats {
     unsigned long long pageDrops;         // 48: spans dropped from memory without a write
     unsigned long long pageFileSize;      // 56: bytes of the page file; 0 while there is none
     unsigned long long pageReads;         // 64: spans read back from the page file
-    unsigned long long pageOuts;          // 72: spans taken out of memory (written or dropped)
+    unsigned long long pageOuts;          // 72: pages taken out of memory (written or dropped)
     unsigned long long pageWrites;        // 80: spans written to the page file
     unsigned long long largePages;        // 88: pages in spans of single large objects
     unsigned long long largeSpans;        // 96: spans of single large objects
