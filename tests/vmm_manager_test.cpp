@@ -316,4 +316,12 @@ TEST(HXLVirtualMemoryMgr, DumpMapperTexts) {
     EXPECT_EQ(lines[12], "Pages: 3, Spans: 1, Alloc: 24576 bytes");
     EXPECT_EQ(lines[13], "Fixed-size pool breakdown");
     EXPECT_EQ(lines[lines.size() - 2], "Diagnostic Options are not supported!");
+
+    // A stream that throws on failure ends the dump; the leak checker sees the record freed.
+    struct Refusing : std::streambuf {
+        int overflow(int) override { return EOF; }
+    } refusing;
+    std::ostream os(&refusing);
+    os.exceptions(std::ios::badbit);
+    EXPECT_THROW(mgr.dumpMapper(os, 3), std::ios_base::failure);
 }

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 
 namespace {
 const unsigned int kDefaultStoreSize = 0x400000;
@@ -196,6 +197,8 @@ void HXLVirtualMemoryMgr::dumpMapper(std::ostream& os, int flags) {
             HXL_THROW(HXLOutOfMemoryError(0, NULL));
     }
     HXL_TRANSLATE(NULL);
+    // Freed however the dump ends: a stream set to throw on failure may leave by an exception.
+    const std::unique_ptr<void, void (*)(void*)> owner(record, std::free);
     m_pool->ExtractStats(record, size, size);
 
     os << "**Dump of Virtual Mapper**" << std::endl;
@@ -245,5 +248,4 @@ void HXLVirtualMemoryMgr::dumpMapper(std::ostream& os, int flags) {
     }
     os << "Diagnostic Options are not supported!" << std::endl;
     os << std::endl;
-    std::free(record);
 }
