@@ -767,7 +767,8 @@ void* VirtualMemoryPool::Engine::allocate(unsigned long long size, PageItem& ite
 void* VirtualMemoryPool::Engine::getAddress(unsigned long long offset, bool forWriting) {
     unsigned slot;
     Span* span = find(offset, slot);
-    if (span == nullptr)
+    // A count one short of the free-slot marker is full: one more would make the object vanish.
+    if (span == nullptr || span->refs[slot] == kFreeSlot - 1)
         return nullptr;
     if (span->memory == nullptr && !pageIn(span))
         return nullptr;
