@@ -57,16 +57,22 @@ unsigned long long pageReads(VirtualMemoryPool& pool) {
     return stats->pageReads;
 }
 
-// 1. Resident hit.
-void BM_StoreResidentHit(benchmark::State& state) {
-    VirtualMemoryPool pool(1ULL << 30, tempDir().c_str());
-    std::vector<unsigned long long> offsets(kObjects);
-    for (unsigned i = 0; i < kObjects; ++i) {
+// Makes `count` objects of `size` bytes (byte i of object n holds n), none left pinned.
+std::vector<unsigned long long> fill(VirtualMemoryPool& pool, unsigned count, unsigned size) {
+    std::vector<unsigned long long> offsets(count);
+    for (unsigned i = 0; i < count; ++i) {
         PageItem item;
-        std::memset(pool.Allocate(kObjectSize, item), 1, kObjectSize);
+        std::memset(pool.Allocate(size, item), static_cast<int>(i), size);
         pool.Dismiss(item);
         offsets[i] = item.offset;
     }
+    return offsets;
+}
+
+// 1. Resident hit.
+void BM_StoreResidentHit(benchmark::State& state) {
+    VirtualMemoryPool pool(1ULL << 30, tempDir().c_str());
+    const std::vector<unsigned long long> offsets = fill(pool, kObjects, kObjectSize);
     const std::vector<unsigned> order = accessOrder(kObjects, 1);
     for (auto _ : state) {
         for (unsigned index : order) {
@@ -81,13 +87,7 @@ void BM_StoreResidentHit(benchmark::State& state) {
 // The same for one resident object, mapped and dismissed over and over: the hit path alone.
 void BM_StoreResidentHitOne(benchmark::State& state) {
     VirtualMemoryPool pool(1ULL << 30, tempDir().c_str());
-    std::vector<unsigned long long> offsets(kObjects);
-    for (unsigned i = 0; i < kObjects; ++i) {
-        PageItem item;
-        std::memset(pool.Allocate(kObjectSize, item), 1, kObjectSize);
-        pool.Dismiss(item);
-        offsets[i] = item.offset;
-    }
+    const std::vector<unsigned long long> offsets = fill(pool, kObjects, kObjectSize);
     PageItem item{offsets[kObjects / 2]};
     for (auto _ : state) {
         for (unsigned i = 0; i < kAccesses; ++i) {
@@ -179,13 +179,7 @@ const unsigned kScanBlocks = 8 * kScanBudget / kScanBlock;
 
 void BM_StoreSequentialScan(benchmark::State& state) {
     VirtualMemoryPool pool(kScanBudget, tempDir().c_str());
-    std::vector<unsigned long long> offsets(kScanBlocks);
-    for (unsigned i = 0; i < kScanBlocks; ++i) {
-        PageItem item;
-        std::memset(pool.Allocate(kScanBlock, item), static_cast<int>(i), kScanBlock);
-        pool.Dismiss(item);
-        offsets[i] = item.offset;
-    }
+    const std::vector<unsigned long long> offsets = fill(pool, kScanBlocks, kScanBlock);
     for (auto _ : state) {
         for (unsigned long long offset : offsets) {
             PageItem item{offset};
@@ -270,13 +264,7 @@ unsigned long long lruPageIns(const std::vector<unsigned long long>& spans, unsi
 
 void BM_StoreRandomPins(benchmark::State& state) {
     VirtualMemoryPool pool(kPinBudget, tempDir().c_str());
-    std::vector<unsigned long long> offsets(kPinObjects);
-    for (unsigned i = 0; i < kPinObjects; ++i) {
-        PageItem item;
-        std::memset(pool.Allocate(kObjectSize, item), 3, kObjectSize);
-        pool.Dismiss(item);
-        offsets[i] = item.offset;
-    }
+    const std::vector<unsigned long long> offsets = fill(pool, kPinObjects, kObjectSize);
     const std::vector<unsigned> order = skewedOrder(3);
     std::vector<unsigned long long> spanSequence;
     for (unsigned index : order)

@@ -302,7 +302,6 @@ private:
     std::vector<std::vector<char*>> m_buffers{kCachedBufferPages + 1}; // by page count
     unsigned long long m_bufferBytes = 0;
     unsigned long long m_outstanding = 0;
-    unsigned long long m_totalRefs = 0;
     unsigned long long m_objectsCurrent = 0;
     unsigned long long m_objectsMax = 0;
     unsigned long long m_objectsCumulative = 0;
@@ -693,11 +692,9 @@ void VirtualMemoryPool::Engine::pin(Span* span, unsigned slot) {
         if (span->pinCount++ == 0)
             --m_unpinnedResident;
     }
-    ++m_totalRefs;
 }
 
 void VirtualMemoryPool::Engine::unpin(Span* span, unsigned slot) {
-    --m_totalRefs;
     if (--span->refs[slot] == 0) {
         --m_outstanding;
         if (--span->pinCount == 0) {
@@ -799,7 +796,6 @@ void VirtualMemoryPool::Engine::deallocate(unsigned long long offset) {
     if (span == nullptr)
         return;
     if (span->refs[slot] > 0) {
-        m_totalRefs -= span->refs[slot];
         --m_outstanding;
         if (--span->pinCount == 0) {
             ++m_unpinnedResident;
@@ -881,20 +877,25 @@ void VirtualMemoryPool::Engine::extractStats(VirtualMemoryStats* stats, unsigned
 unsigned long long VirtualMemoryPool::Engine::outstanding(VirtualMemoryReferenceInfo* info,
                                                           unsigned long long count,
                                                           unsigned long long* total) {
-    if (total != nullptr)
-        *total = m_totalRefs;
-    if (info != nullptr && count > 0) {
-        unsigned long long written = 0;
-        for (unsigned long long page = 0; page < m_pageMap.size() && written < count; ++page) {
-            const Span* span = m_pageMap[page];
-            if (span == nullptr || span->firstPage != page || span->pinCount == 0)
+    // The count is kept; the sum and the list are walked for only when asked for.
+    if (total == nullptr && (info == nullptr || count == 0))
+        return m_outstanding;
+    unsigned long long sum = 0, written = 0;
+    for (unsigned long long page = 0; page < m_pageMap.size(); ++page) {
+        const Span* span = m_pageMap[page];
+        if (span == nullptr || span->firstPage != page || span->pinCount == 0)
+            continue;
+        for (unsigned slot = 0; slot < span->slotCount; ++slot) {
+            const unsigned refs = span->refs[slot];
+            if (refs == kFreeSlot || refs == 0)
                 continue;
-            for (unsigned slot = 0; slot < span->slotCount && written < count; ++slot) {
-                if (span->refs[slot] != kFreeSlot && span->refs[slot] > 0)
-                    info[written++] = {slotOffset(span, slot), span->refs[slot]};
-            }
+            sum += refs;
+            if (info != nullptr && written < count)
+                info[written++] = {slotOffset(span, slot), refs};
         }
     }
+    if (total != nullptr)
+        *total = sum;
     return m_outstanding;
 }
 
@@ -916,7 +917,7 @@ void VirtualMemoryPool::Engine::checkSpan(const Span* span) const {
 }
 
 void VirtualMemoryPool::Engine::verify() const {
-    unsigned long long resident = 0, outstanding = 0, refs = 0, objects = 0;
+    unsigned long long resident = 0, outstanding = 0, objects = 0;
     unsigned long long pagesMapped = 0, filePages = 0;
     for (unsigned long long page = 0; page < m_pageMap.size(); ++page) {
         const Span* span = m_pageMap[page];
@@ -932,12 +933,8 @@ void VirtualMemoryPool::Engine::verify() const {
         if (span->fileSlot != kNoSlot)
             filePages += span->pageCount;
         objects += span->liveCount;
-        for (unsigned slot = 0; slot < span->slotCount; ++slot) {
-            if (span->refs[slot] != kFreeSlot && span->refs[slot] > 0) {
-                ++outstanding;
-                refs += span->refs[slot];
-            }
-        }
+        for (unsigned slot = 0; slot < span->slotCount; ++slot)
+            outstanding += span->refs[slot] != kFreeSlot && span->refs[slot] > 0;
     }
     // Rule 2: the ring holds the resident spans, each once, and unpinnedResident is exact.
     unsigned long long ringLength = 0, ringUnpinned = 0, residentSpans = 0;
@@ -960,7 +957,6 @@ void VirtualMemoryPool::Engine::verify() const {
     VMM_CHECK(ringUnpinned == m_unpinnedResident, ringUnpinned);
     VMM_CHECK(resident == m_residentBytes, resident);     // rule 3
     VMM_CHECK(outstanding == m_outstanding, outstanding); // rule 7
-    VMM_CHECK(refs == m_totalRefs, refs);
     VMM_CHECK(objects == m_objectsCurrent, objects);
     VMM_CHECK(pagesMapped + m_pageNumbers.freeUnits() + 1 == m_pageNumbers.end(), pagesMapped);
     VMM_CHECK(filePages + m_fileSpace.freeUnits() == m_fileSpace.end(), filePages); // rule 6
