@@ -399,9 +399,11 @@ TEST(VirtualMemoryPool, SpansMappedOnlyForReadingAreDroppedWithoutWrite) {
     std::vector<unsigned long long> offsets;
     for (unsigned i = 0; i < 64; ++i)
         offsets.push_back(newObject(pool, 4000, i)); // 32 spans, four times the budget
+    bool forWriting = false;
     auto readPass = [&] {
         for (unsigned i = 0; i < offsets.size(); ++i)
-            EXPECT_TRUE(readBack(pool, offsets[i], 4000, i, false));
+            EXPECT_TRUE(readBack(pool, offsets[i], 4000, i, forWriting));
+        forWriting = true;
     };
     readPass(); // writes out what was still resident since it was made
     const VirtualMemoryStats before = stats(pool);
@@ -410,10 +412,23 @@ TEST(VirtualMemoryPool, SpansMappedOnlyForReadingAreDroppedWithoutWrite) {
     EXPECT_GT(after.pageReads, before.pageReads);
     EXPECT_EQ(after.pageWrites, before.pageWrites) << "nothing was mapped for writing";
     EXPECT_GT(after.pageDrops, before.pageDrops);
-    // Dirty marks a resident span as changed: it is written at its next page-out.
-    PageItem last{offsets.back()};
-    pool.Dirty(last);
+    // Mapped for writing but unchanged: still no write. A byte changed through a read-only
+    // mapping is kept only with Dirty, and then written once.
     readPass();
+    EXPECT_EQ(stats(pool).pageWrites, after.pageWrites);
+    PageItem last{offsets.back()};
+    unsigned char* p = static_cast<unsigned char*>(pool.GetAddress(last, false));
+    ASSERT_NE(p, nullptr);
+    p[7] ^= 1;
+    pool.Dirty(last);
+    pool.Dismiss(last);
+    for (int pass = 0; pass < 2; ++pass)
+        for (unsigned i = 0; i + 1 < offsets.size(); ++i)
+            EXPECT_TRUE(readBack(pool, offsets[i], 4000, i));
     EXPECT_EQ(stats(pool).pageWrites, after.pageWrites + 1);
+    p = static_cast<unsigned char*>(pool.GetAddress(last, true));
+    p[7] ^= 1;
+    EXPECT_TRUE(holds(p, 4000, 63));
+    pool.Dismiss(last);
     pool.Verify();
 }

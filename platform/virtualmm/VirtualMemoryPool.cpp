@@ -1,4 +1,4 @@
-// The paging engine.
+// The paging engine: spans, size classes, the clock, and the public face.
 //
 // Glossary
 //   page        8 KiB of the store's offset space. Page numbers start at 1, so no object
@@ -9,12 +9,18 @@
 //               fits them.
 //   page map    a vector indexed by page number giving the span that covers it: offset to
 //               address is one shift, one load and a subtraction, no hashing, no search.
+//   span record what the engine keeps of a span in or out of memory: about 90 bytes and one bit
+//               per slot (the live bitmap). A paged-out span costs nothing else: a 64-byte
+//               object pays under a byte for its bookkeeping.
+//   slot counts one byte per slot, only while the span is resident: the object's reference
+//               count, 255 meaning "look in the overflow table", which holds counts from 255 up.
 //   pinned      a span with at least one object whose reference count is above 0.
 //   clock ring  every resident span, in a circle. A hand sweeps it when room is needed: a
 //               pinned span is passed over, a span released since the hand last passed it
-//               (its referenced bit) gets a second chance, any other span is paged out.
-//               Pinning and releasing touch only counters and that bit, never the ring.
-//   file slot   a run of pages of the page file that keeps one span's bytes.
+//               (its referenced bit) gets a second chance, any other span leaves memory.
+//   copy        the span's bytes in its file slot (PageFile.h), with their fingerprint
+//               (Fingerprint.h). Its state: none (must be written), exact (equal to memory),
+//               or maybe stale (mapped for writing since: the fingerprint decides).
 //
 // Design rules
 //   1. A pinned span is resident and never moves; only unpinned spans leave memory.
@@ -22,9 +28,10 @@
 //      that are not pinned, so a sweep knows when nothing can be evicted.
 //   3. residentBytes is the sum of the sizes of resident spans. After any call returns it is at
 //      most the budget, plus what pinned spans hold, plus spans whose page-out failed.
-//   4. A span is written out only if it is dirty: mapped for writing (Allocate, GetAddress with
-//      true, Dirty) since it last came in. A clean span has a valid copy in its file slot and is
-//      dropped without a write.
+//   4. A span leaves memory without a write when its copy is exact, or when it is maybe stale
+//      and its fingerprint has not changed; only a span with no copy or changed bytes is
+//      written. Flag true and Dirty make an exact copy maybe stale; flag false leaves it exact,
+//      so what is written through such an address may be lost.
 //   5. A span keeps its file slot from its first write until it is released or left empty, so
 //      a span that goes out again is written over its own slot.
 //   6. The page map covers exactly the pages of live spans; released page numbers and file
@@ -32,34 +39,47 @@
 //   7. outstanding counts the objects whose reference count is above 0; it changes only when a
 //      count moves between 0 and 1.
 //   8. An I/O failure never changes an object's bytes or frees one: a failed write leaves the
-//      span resident and dirty; a failed read leaves it paged out with its slot intact.
+//      span resident (with no copy, since its slot may now hold half of it); a failed or
+//      damaged read leaves it paged out with its slot and fingerprint intact.
+//   9. A paged-out span has an exact copy, a file slot whose owner it is, no slot counts and no
+//      place in the ring. A page-in admits its bytes only if their fingerprint is the one kept
+//      when they were written.
+//  10. Spans leave memory in batches: a sweep that must evict goes on until a batch's worth
+//      (256 KiB, at most a sixteenth of the budget) is free, and writes what it must in
+//      gathered runs of adjacent file slots.
+//  11. A page-in at the file slot that follows the last one read reads ahead: the paged-out
+//      spans whose slots follow it, up to 256 KiB (at most a quarter of the budget), in one
+//      gathered read. Read-ahead stops at a free slot or a resident span, so it never makes a
+//      second copy of a span in memory.
 //
 // Span states and the functions that move a span between them (pinned is "resident" with a
-// count above 0; it keeps its dirty or clean flag):
+// count above 0; it keeps its copy state):
 //
-//   state           entered by                              left by
-//   free            the start; releaseSpan                  newSpan -> resident dirty
-//   resident dirty  newSpan; Allocate, GetAddress(true) or  pageOut, which writes it
-//                   Dirty on a resident span                -> paged out
-//   resident clean  pageIn                                  GetAddress(true), Dirty -> dirty;
-//                                                           pageOut, no write -> paged out
-//   pinned          pin: Allocate, GetAddress               unpin of its last reference
-//   paged out       pageOut, called only by makeRoom's      pageIn: GetAddress, Allocate
-//                   clock sweep
+//   state            entered by                           left by
+//   free             the start; releaseSpan               newSpan -> resident, no copy
+//   resident, none   newSpan; a failed write; emptied     makeRoom -> flushBatch writes it
+//                                                         -> paged out
+//   resident, maybe  Allocate, GetAddress(true) or Dirty  makeRoom: fingerprint unchanged ->
+//                    on an exact span                     evict (drop); changed -> flushBatch
+//   resident, exact  pageIn (asked for or read ahead)     Allocate, GetAddress(true), Dirty ->
+//                                                         maybe; makeRoom -> evict (drop)
+//   pinned           pin: Allocate, GetAddress            unpin of its last reference
+//   paged out        evict, called by makeRoom's sweep    pageIn: GetAddress, Allocate
 //   any state: releaseSpan, when the last object of the span is deallocated -> free
 #include "VirtualMemoryPool.h"
 
+#include "Fingerprint.h"
+#include "PageFile.h"
+
 #include <algorithm>
-#include <cerrno>
+#include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
-#include <map>
 #include <new>
 #include <string>
-#include <unistd.h>
+#include <unordered_map>
 #include <vector>
 
 #ifndef HXL_VMM_CHECK_LEVEL
@@ -74,23 +94,18 @@ namespace tcmalloc {
 
 namespace {
 
-const unsigned kPageShift = 13;
-const unsigned long long kPageSize = 1ULL << kPageShift;
-const unsigned kMaxSmallSize = 8192;    // larger objects get spans of their own
-const unsigned kClassGranule = 16;      // sizes are rounded to 16 bytes; addresses aligned
-const unsigned kMaxSpanPages = 8;       // a small-object span is at most 64 KiB
-const unsigned kFreeSlot = 0xFFFFFFFFu; // reference count of a slot with no object
-const unsigned long long kNoSlot = ~0ULL;
+const unsigned kMaxSmallSize = 8192; // larger objects get spans of their own
+const unsigned kClassGranule = 16;   // sizes are rounded to 16 bytes; addresses aligned
+const unsigned kMaxSpanPages = 8;    // a small-object span is at most 64 KiB
+const unsigned short kLargeClass = 0xFFFF;
 const unsigned kCachedBufferPages = 32;               // span buffers up to 256 KiB are recycled
 const unsigned long long kBufferCacheBytes = 2 << 20; // at most this much kept for reuse
+const unsigned long long kIoRunBytes = 256 << 10;     // eviction batch and read-ahead run
+const unsigned char kCountInTable = 0xFF;             // slot count: see the overflow table
+const unsigned kMaxCount = 0xFFFFFFFEu;               // a reference count never goes beyond
 
-long posixPwrite(int fd, const void* data, unsigned long count, long long offset) {
-    return ::pwrite(fd, data, count, static_cast<off_t>(offset));
-}
-long posixPread(int fd, void* data, unsigned long count, long long offset) {
-    return ::pread(fd, data, count, static_cast<off_t>(offset));
-}
-const VirtualMemoryIo kPosixIo = {posixPwrite, posixPread};
+enum CopyState : unsigned char { kCopyNone, kCopyMaybe, kCopyExact };
+enum SpanFlag : unsigned char { kReferenced = 1, kOnNonFullList = 2, kInBatch = 4 };
 
 [[noreturn]] void broken(const char* rule, unsigned long long detail) {
     std::fprintf(stderr, "VirtualMemoryPool: invariant broken: %s (%llu)\n", rule, detail);
@@ -103,120 +118,108 @@ const VirtualMemoryIo kPosixIo = {posixPwrite, posixPread};
             broken(#cond, static_cast<unsigned long long>(detail));                                \
     } while (0)
 
-// Best-fit allocator of runs of units (page numbers, page file pages) with coalescing.
-class ExtentAllocator {
-public:
-    explicit ExtentAllocator(unsigned long long first) : m_end(first) {}
-
-    // A run of `count` units; grows the end when no free run fits.
-    unsigned long long take(unsigned long long count) {
-        auto fit = m_bySize.lower_bound(count);
-        if (fit == m_bySize.end()) {
-            const unsigned long long start = m_end;
-            m_end += count;
-            return start;
-        }
-        const unsigned long long length = fit->first;
-        const unsigned long long start = fit->second;
-        m_bySize.erase(fit);
-        m_byStart.erase(start);
-        if (length > count)
-            insert(start + count, length - count);
-        return start;
-    }
-
-    // Gives a run back; joins it with free neighbours and lowers the end when it reaches it.
-    void give(unsigned long long start, unsigned long long count) {
-        auto next = m_byStart.lower_bound(start);
-        if (next != m_byStart.end() && next->first == start + count) {
-            count += next->second;
-            eraseRun(next);
-            next = m_byStart.lower_bound(start);
-        }
-        if (next != m_byStart.begin()) {
-            auto prev = std::prev(next);
-            if (prev->first + prev->second == start) {
-                start = prev->first;
-                count += prev->second;
-                eraseRun(prev);
-            }
-        }
-        if (start + count == m_end)
-            m_end = start;
-        else
-            insert(start, count);
-    }
-
-    unsigned long long end() const { return m_end; }
-    unsigned long long freeUnits() const {
-        unsigned long long total = 0;
-        for (const auto& run : m_byStart)
-            total += run.second;
-        return total;
-    }
-
-private:
-    void insert(unsigned long long start, unsigned long long count) {
-        m_byStart.emplace(start, count);
-        m_bySize.emplace(count, start);
-    }
-    void eraseRun(std::map<unsigned long long, unsigned long long>::iterator it) {
-        auto range = m_bySize.equal_range(it->second);
-        for (auto s = range.first; s != range.second; ++s) {
-            if (s->second == it->first) {
-                m_bySize.erase(s);
-                break;
-            }
-        }
-        m_byStart.erase(it);
-    }
-
-    std::map<unsigned long long, unsigned long long> m_byStart;     // start -> length
-    std::multimap<unsigned long long, unsigned long long> m_bySize; // length -> start
-    unsigned long long m_end;                                       // first unit never handed out
-};
-
-struct SizeClass;
-
-// The fields that GetAddress and Dismiss read come first, in one cache line.
+// The fields that GetAddress and Dismiss read come first. The live bitmap follows the record
+// in the same allocation: one bit per slot, set while the slot holds an object.
 struct Span {
-    unsigned long long firstPage;
     char* memory;         // the span's bytes while resident, else null
-    unsigned* refs;       // per slot: reference count, or kFreeSlot
+    unsigned char* refs;  // slot counts while resident, else null
+    unsigned firstPage;   // page numbers are 32-bit: a store spans at most 32 TiB of offsets
     unsigned elementSize; // slot size; 0 for a span of one large object
     unsigned slotMagic;   // ceil(2^32 / elementSize): slot = delta * slotMagic >> 32
-    unsigned slotCount;   // 1 for a large object
-    unsigned pinCount;    // objects with a reference count above 0
-    bool dirty;           // mapped for writing since it last came in (or never saved)
-    bool referenced;      // released since the clock hand last passed
-    bool onNonFullList;
-    unsigned pageCount;
-    unsigned classIndex;         // index into the class table; kLargeClass for a large object
-    unsigned liveCount;          // slots holding an object
-    unsigned long long fileSlot; // first page of its copy in the page file, or kNoSlot
-    unsigned* freeStack;         // free slot indices; freeTop of them are valid
-    unsigned freeTop;
-    Span* ringPrev; // clock ring links (resident spans only)
+    unsigned pageCount;   // pages of the span
+    unsigned fileSlot;    // first file page of its copy, or kNoSlot
+    unsigned short classIndex;
+    unsigned short liveCount;       // slots holding an object (at most 512)
+    unsigned short pinCount;        // objects with a reference count above 0
+    unsigned char copy;             // CopyState
+    unsigned char flags;            // SpanFlag bits
+    unsigned long long fingerprint; // of the copy in the file slot, when there is one
+    Span* ringPrev;                 // clock ring links (resident spans only)
     Span* ringNext;
     Span* classPrev; // the class's list of spans with free slots
     Span* classNext;
 
+    unsigned long long* live() { return reinterpret_cast<unsigned long long*>(this + 1); }
+    const unsigned long long* live() const {
+        return reinterpret_cast<const unsigned long long*>(this + 1);
+    }
+    bool isLive(unsigned slot) const { return (live()[slot >> 6] >> (slot & 63)) & 1; }
     unsigned long long bytes() const {
         return static_cast<unsigned long long>(pageCount) << kPageShift;
     }
-    unsigned long long baseOffset() const { return firstPage << kPageShift; }
+    unsigned long long baseOffset() const {
+        return static_cast<unsigned long long>(firstPage) << kPageShift;
+    }
 };
-
-const unsigned kLargeClass = ~0u;
+static_assert(sizeof(Span) % 8 == 0, "the live bitmap follows the record 8-byte aligned");
 
 struct SizeClass {
     unsigned elementSize;
     unsigned pages;
     unsigned slots;
+    unsigned words; // 64-bit words of the live bitmap
     unsigned spanCount;
     unsigned emptySpans; // spans of this class with no object, kept for reuse
     unsigned long long liveObjects;
     Span* nonFull; // spans with free slots; resident ones are put in front
+};
+
+// Span records and slot counts come from here rather than from the process heap: they are
+// small, many and long-lived, and would otherwise sit between span buffers in the heap and
+// keep it from giving memory back. Sizes are rounded to 8 bytes; each size has a free list.
+class RecordArena {
+public:
+    static const std::size_t kLargest = 512;
+
+    ~RecordArena() {
+        for (void* chunk : m_chunks)
+            std::free(chunk);
+    }
+    void* take(std::size_t bytes) {
+        const std::size_t units = (bytes + 7) / 8;
+        if (void* record = m_free[units]) {
+            m_free[units] = *static_cast<void**>(record);
+            return record;
+        }
+        if (m_chunkLeft < units * 8) {
+            if (m_chunks.size() == m_chunks.capacity()) {
+                try {
+                    m_chunks.reserve(m_chunks.size() * 2 + 16);
+                } catch (const std::bad_alloc&) {
+                    return nullptr;
+                }
+            }
+            void* chunk = std::malloc(kChunkBytes);
+            if (chunk == nullptr)
+                return nullptr;
+            m_chunks.push_back(chunk); // cannot throw: capacity was reserved
+            m_chunkNext = static_cast<char*>(chunk);
+            m_chunkLeft = kChunkBytes; // the rest of the old chunk is a few bytes at most
+        }
+        void* record = m_chunkNext;
+        m_chunkNext += units * 8;
+        m_chunkLeft -= units * 8;
+        return record;
+    }
+    void give(void* record, std::size_t bytes) {
+        const std::size_t units = (bytes + 7) / 8;
+        *static_cast<void**>(record) = m_free[units];
+        m_free[units] = record;
+    }
+
+private:
+    static const std::size_t kChunkBytes = 256 << 10;
+    void* m_free[kLargest / 8 + 1] = {};
+    std::vector<void*> m_chunks;
+    char* m_chunkNext = nullptr;
+    std::size_t m_chunkLeft = 0;
+};
+
+// One span that a sweep chose to write, with the fingerprint of the bytes it writes.
+struct BatchEntry {
+    Span* span;
+    unsigned long long fingerprint;
+    bool newSlot;
 };
 
 } // namespace
@@ -235,7 +238,7 @@ public:
                       unsigned long long& needed);
     unsigned long long outstanding(VirtualMemoryReferenceInfo* info, unsigned long long count,
                                    unsigned long long* total);
-    void setIo(const VirtualMemoryIo* io) { m_io = io ? *io : kPosixIo; }
+    void setIo(const VirtualMemoryIo* io) { m_file.setIo(io); }
     void verify() const;
 
 private:
@@ -258,29 +261,35 @@ private:
             if (delta >= span->bytes())
                 return nullptr;
             const unsigned index = static_cast<unsigned>((delta * span->slotMagic) >> 32);
-            if (index * span->elementSize != delta || index >= span->slotCount)
+            if (index * span->elementSize != delta)
                 return nullptr;
             slot = index;
         }
-        return span->refs[slot] == kFreeSlot ? nullptr : span;
+        return span->isLive(slot) ? span : nullptr;
     }
 
     static unsigned long long slotOffset(const Span* span, unsigned slot) {
         return span->baseOffset() + static_cast<unsigned long long>(slot) * span->elementSize;
     }
+    unsigned slotCount(const Span* span) const {
+        return span->classIndex == kLargeClass ? 1 : m_classes[span->classIndex].slots;
+    }
+    unsigned bitmapWords(const Span* span) const {
+        return span->classIndex == kLargeClass ? 1 : m_classes[span->classIndex].words;
+    }
+    std::size_t recordBytes(const Span* span) const { return sizeof(Span) + 8 * bitmapWords(span); }
+    unsigned countOf(const Span* span, unsigned slot) const;
 
-    Span* newSpan(unsigned classIndex, unsigned pages, unsigned slots);
+    Span* newSpan(unsigned short classIndex, unsigned pages);
     void releaseSpan(Span* span);
     bool makeRoom(unsigned long long incoming);
-    bool pageOut(Span* span);
+    bool flushBatch();
+    void evict(Span* span);
     bool pageIn(Span* span);
-    bool openPageFile();
-    bool writeAll(const char* data, unsigned long long count, unsigned long long at);
-    bool readAll(char* data, unsigned long long count, unsigned long long at);
-
     void giveFileSlot(Span* span);
-    void pin(Span* span, unsigned slot);
+    bool pin(Span* span, unsigned slot);
     void unpin(Span* span, unsigned slot);
+    void spanUnpinned(Span* span);
     void ringInsert(Span* span);
     void ringRemove(Span* span);
     char* takeBuffer(unsigned pages, bool& recycled);
@@ -290,15 +299,21 @@ private:
     void checkSpan(const Span* span) const;
 
     unsigned long long m_budget;
-    std::string m_directory;
     std::vector<SizeClass> m_classes;
     std::vector<unsigned short> m_classOfGranules; // (size + 15) / 16 -> class index
     std::vector<Span*> m_pageMap;
     ExtentAllocator m_pageNumbers{1};
-    ExtentAllocator m_fileSpace{0};
+    PageFile m_file;
+    RecordArena m_records;
+    std::unordered_map<unsigned long long, unsigned> m_bigCounts; // offset -> count >= 255
     Span* m_hand = nullptr; // the clock hand: next span the sweep looks at; null if no span
     unsigned long long m_unpinnedResident = 0;
     unsigned long long m_residentBytes = 0;
+    std::vector<BatchEntry> m_batch; // spans chosen to be written, still resident
+    unsigned long long m_batchBytes = 0;
+    std::vector<iovec> m_pieces;         // scratch for gathered transfers
+    std::vector<Span*> m_run;            // scratch for read-ahead
+    unsigned m_nextSequential = kNoSlot; // file page just behind the last span read
     std::vector<std::vector<char*>> m_buffers{kCachedBufferPages + 1}; // by page count
     unsigned long long m_bufferBytes = 0;
     unsigned long long m_outstanding = 0;
@@ -311,15 +326,10 @@ private:
     unsigned long long m_pageWrites = 0;
     unsigned long long m_pageOuts = 0;
     unsigned long long m_pageDrops = 0;
-    int m_fd = -1;
-    std::string m_fileName;
-    VirtualMemoryIo m_io = kPosixIo;
 };
 
 VirtualMemoryPool::Engine::Engine(unsigned long long budget, const char* path)
-    : m_budget(budget == 0 ? kPageSize : budget), m_directory(path ? path : "") {
-    if (m_directory.empty())
-        m_directory = "/tmp";
+    : m_budget(budget == 0 ? kPageSize : budget), m_file(path) {
     // Classes: 16-byte steps to 128, then four classes per doubling up to 8 KiB. Each class
     // takes the shortest span (1 to 8 pages) that wastes at most an eighth of itself: short
     // spans make paging fine-grained.
@@ -333,7 +343,7 @@ VirtualMemoryPool::Engine::Engine(unsigned long long budget, const char* path)
             }
         }
         const unsigned slots = static_cast<unsigned>(bestPages * kPageSize / size);
-        m_classes.push_back(SizeClass{size, bestPages, slots, 0, 0, 0, nullptr});
+        m_classes.push_back(SizeClass{size, bestPages, slots, (slots + 63) / 64, 0, 0, 0, nullptr});
         unsigned step = kClassGranule;
         if (size >= 128) {
             unsigned power = 128;
@@ -344,9 +354,12 @@ VirtualMemoryPool::Engine::Engine(unsigned long long budget, const char* path)
         size += step;
     }
     // Room for every buffer the cache may keep, so that dropBuffer, called half-way through
-    // moving a span out of memory, never allocates.
+    // moving a span out of memory, never allocates; likewise for the scratch vectors.
     for (unsigned pages = 1; pages <= kCachedBufferPages; ++pages)
         m_buffers[pages].reserve((kBufferCacheBytes >> kPageShift) / pages);
+    m_batch.reserve(kIoRunBytes >> kPageShift);
+    m_pieces.reserve(kIoRunBytes >> kPageShift);
+    m_run.reserve(kIoRunBytes >> kPageShift);
     m_classOfGranules.resize(kMaxSmallSize / kClassGranule + 1);
     unsigned index = 0;
     for (unsigned granules = 0; granules < m_classOfGranules.size(); ++granules) {
@@ -357,22 +370,18 @@ VirtualMemoryPool::Engine::Engine(unsigned long long budget, const char* path)
 }
 
 VirtualMemoryPool::Engine::~Engine() {
-    // Every object ends with the store: no write, no check of references.
+    // Every object ends with the store: no write, no check of references. Records and slot
+    // counts go with the record arena.
     for (unsigned long long page = 0; page < m_pageMap.size(); ++page) {
         Span* span = m_pageMap[page];
         if (span == nullptr)
             continue;
         page += span->pageCount - 1; // the span's other pages name it too
         std::free(span->memory);
-        delete[] span->refs;
-        delete[] span->freeStack;
-        delete span;
     }
     for (std::vector<char*>& bucket : m_buffers)
         for (char* buffer : bucket)
             std::free(buffer);
-    if (m_fd >= 0)
-        ::close(m_fd);
 }
 
 // A buffer of `pages` pages; `recycled` tells whether it held a span before (its bytes are
@@ -385,10 +394,7 @@ char* VirtualMemoryPool::Engine::takeBuffer(unsigned pages, bool& recycled) {
         m_bufferBytes -= static_cast<unsigned long long>(pages) << kPageShift;
         return buffer;
     }
-    void* memory = nullptr;
-    if (posix_memalign(&memory, 64, static_cast<size_t>(pages) << kPageShift) != 0)
-        return nullptr;
-    return static_cast<char*>(memory);
+    return static_cast<char*>(std::malloc(static_cast<size_t>(pages) << kPageShift));
 }
 
 // Freed span buffers are kept (up to a bound) for the next page-in: giving them back to the
@@ -403,8 +409,13 @@ void VirtualMemoryPool::Engine::dropBuffer(char* memory, unsigned pages) {
     std::free(memory);
 }
 
-Span* VirtualMemoryPool::Engine::newSpan(unsigned classIndex, unsigned pages, unsigned slots) {
+Span* VirtualMemoryPool::Engine::newSpan(unsigned short classIndex, unsigned pages) {
     const unsigned long long bytes = static_cast<unsigned long long>(pages) << kPageShift;
+    const unsigned slots = classIndex == kLargeClass ? 1 : m_classes[classIndex].slots;
+    const unsigned words = classIndex == kLargeClass ? 1 : m_classes[classIndex].words;
+    // Page numbers are 32-bit; a store that would pass them gives null.
+    if (m_pageNumbers.end() + pages > 0xFFFFFFFFULL)
+        return nullptr;
     bool recycled;
     char* memory = takeBuffer(pages, recycled);
     if (memory == nullptr)
@@ -413,53 +424,44 @@ Span* VirtualMemoryPool::Engine::newSpan(unsigned classIndex, unsigned pages, un
     // recycled buffer holds old bytes of this store, which are as good.
     if (!recycled)
         std::memset(memory, 0, bytes);
-    // The page map grows before anything else changes, to cover the pages take() may add at
-    // the end, so that running out of memory leaves the store as it was and gives null rather
-    // than an exception. A map longer than the page numbers in use is harmless: its tail stays
-    // null.
-    if (m_pageNumbers.end() + pages > m_pageMap.size()) {
-        try {
-            m_pageMap.resize(m_pageNumbers.end() + pages, nullptr);
-        } catch (const std::exception&) {
-            dropBuffer(memory, pages);
-            return nullptr;
+    Span* span = static_cast<Span*>(m_records.take(sizeof(Span) + 8 * words));
+    unsigned char* refs = static_cast<unsigned char*>(m_records.take(slots));
+    unsigned long long firstPage = 0;
+    bool taken = false;
+    try {
+        // The page map grows before anything else changes, to cover the pages take() may add
+        // at the end: running out of memory leaves the store as it was and gives null. A map
+        // longer than the page numbers in use is harmless: its tail stays null.
+        if (span != nullptr && refs != nullptr) {
+            if (m_pageNumbers.end() + pages > m_pageMap.size())
+                m_pageMap.resize(m_pageNumbers.end() + pages, nullptr);
+            firstPage = m_pageNumbers.take(pages);
+            taken = true;
         }
+    } catch (const std::bad_alloc&) {
     }
-    Span* span = new (std::nothrow) Span();
-    unsigned* refs = new (std::nothrow) unsigned[slots];
-    unsigned* freeStack = new (std::nothrow) unsigned[slots];
-    if (span == nullptr || refs == nullptr || freeStack == nullptr) {
+    if (!taken) {
         dropBuffer(memory, pages);
-        delete span;
-        delete[] refs;
-        delete[] freeStack;
+        if (span != nullptr)
+            m_records.give(span, sizeof(Span) + 8 * words);
+        if (refs != nullptr)
+            m_records.give(refs, slots);
         return nullptr;
     }
-    span->firstPage = m_pageNumbers.take(pages);
+    std::memset(static_cast<void*>(span), 0, sizeof(Span) + 8 * words);
+    std::memset(refs, 0, slots);
+    span->memory = memory;
+    span->refs = refs;
+    span->firstPage = static_cast<unsigned>(firstPage);
     span->pageCount = pages;
     span->classIndex = classIndex;
     span->elementSize = classIndex == kLargeClass ? 0 : m_classes[classIndex].elementSize;
     span->slotMagic =
         span->elementSize == 0 ? 0 : static_cast<unsigned>((1ULL << 32) / span->elementSize + 1);
-    span->slotCount = slots;
-    span->liveCount = 0;
-    span->pinCount = 0;
-    span->memory = memory;
-    span->dirty = true; // nothing of it is in the page file yet
-    span->referenced = false;
-    span->onNonFullList = false;
+    span->copy = kCopyNone; // nothing of it is in the page file yet
     span->fileSlot = kNoSlot;
-    span->refs = refs;
-    span->freeStack = freeStack;
-    // Lowest slots first, so a new span fills from its start.
-    for (unsigned i = 0; i < slots; ++i) {
-        refs[i] = kFreeSlot;
-        freeStack[i] = slots - 1 - i;
-    }
-    span->freeTop = slots;
-    span->classPrev = span->classNext = nullptr;
     for (unsigned i = 0; i < pages; ++i)
-        m_pageMap[span->firstPage + i] = span;
+        m_pageMap[firstPage + i] = span;
     m_residentBytes += bytes;
     ++m_unpinnedResident;
     ringInsert(span);
@@ -479,6 +481,7 @@ void VirtualMemoryPool::Engine::releaseSpan(Span* span) {
             --m_unpinnedResident;
         m_residentBytes -= span->bytes();
         dropBuffer(span->memory, span->pageCount);
+        m_records.give(span->refs, slotCount(span));
     }
     if (span->fileSlot != kNoSlot)
         giveFileSlot(span);
@@ -491,138 +494,194 @@ void VirtualMemoryPool::Engine::releaseSpan(Span* span) {
     }
     for (unsigned i = 0; i < span->pageCount; ++i)
         m_pageMap[span->firstPage + i] = nullptr;
-    m_pageNumbers.give(span->firstPage, span->pageCount);
+    try {
+        m_pageNumbers.give(span->firstPage, span->pageCount);
+    } catch (const std::bad_alloc&) {
+        // The page numbers stay taken: offset space is lost, never handed out twice.
+    }
     if (m_pageNumbers.end() < m_pageMap.size())
         m_pageMap.resize(m_pageNumbers.end());
-    delete[] span->refs;
-    delete[] span->freeStack;
-    delete span;
+    m_records.give(span, recordBytes(span));
 }
 
-// Sweeps the clock until `incoming` more bytes fit in the budget or nothing unpinned is
-// left. False only when a page-out failed (rule 8); the hand then rests on that span.
+// Sweeps the clock until `incoming` more bytes fit in the budget with a batch's worth to
+// spare (rule 10), or nothing unpinned is left. False only when a write failed (rule 8).
 bool VirtualMemoryPool::Engine::makeRoom(unsigned long long incoming) {
-    while (m_residentBytes + incoming > m_budget && m_unpinnedResident > 0) {
+    if (m_residentBytes + incoming <= m_budget)
+        return true;
+    const unsigned long long spare = std::min(kIoRunBytes, m_budget / 16);
+    const unsigned long long goal = m_budget - spare;
+    while (m_residentBytes - m_batchBytes + incoming > goal &&
+           m_unpinnedResident > m_batch.size()) {
         Span* span = m_hand;
-        if (span->pinCount > 0) {
-            m_hand = span->ringNext;
-        } else if (span->referenced) {
-            span->referenced = false;
-            m_hand = span->ringNext;
-        } else if (!pageOut(span)) {
-            return false;
-        }
-    }
-    return true;
-}
-
-bool VirtualMemoryPool::Engine::openPageFile() {
-    std::string name = m_directory;
-    if (name.back() != '/')
-        name += '/';
-    name += "hxlvmm-" + std::to_string(::getpid()) + "-XXXXXX";
-    std::vector<char> buffer(name.begin(), name.end());
-    buffer.push_back('\0');
-    // mkostemp creates exclusively (O_EXCL, so no existing name or link is followed) with mode
-    // 0600; the name is removed at once so nothing outlives the process.
-    const int fd = ::mkostemp(buffer.data(), O_CLOEXEC);
-    if (fd < 0)
-        return false;
-    ::unlink(buffer.data());
-    m_fd = fd;
-    m_fileName = buffer.data();
-    return true;
-}
-
-bool VirtualMemoryPool::Engine::writeAll(const char* data, unsigned long long count,
-                                         unsigned long long at) {
-    while (count > 0) {
-        const long n = m_io.pwrite(m_fd, data, count, static_cast<long long>(at));
-        if (n < 0 && errno == EINTR)
+        m_hand = span->ringNext;
+        if (span->pinCount > 0 || (span->flags & kInBatch) != 0)
             continue;
-        if (n <= 0)
-            return false;
-        data += n;
-        at += static_cast<unsigned long long>(n);
-        count -= static_cast<unsigned long long>(n);
-    }
-    return true;
-}
-
-bool VirtualMemoryPool::Engine::readAll(char* data, unsigned long long count,
-                                        unsigned long long at) {
-    while (count > 0) {
-        const long n = m_io.pread(m_fd, data, count, static_cast<long long>(at));
-        if (n < 0 && errno == EINTR)
+        if ((span->flags & kReferenced) != 0) {
+            span->flags &= static_cast<unsigned char>(~kReferenced);
             continue;
-        if (n <= 0)
-            return false; // an error, or the file ends before the span does
-        data += n;
-        at += static_cast<unsigned long long>(n);
-        count -= static_cast<unsigned long long>(n);
-    }
-    return true;
-}
-
-// Returns the span's file slot for reuse; when that frees the end of the page file the file is
-// cut back, so its reported size is its true size.
-void VirtualMemoryPool::Engine::giveFileSlot(Span* span) {
-    const unsigned long long end = m_fileSpace.end();
-    m_fileSpace.give(span->fileSlot, span->pageCount);
-    span->fileSlot = kNoSlot;
-    if (m_fileSpace.end() < end && m_fd >= 0 &&
-        ::ftruncate(m_fd, static_cast<off_t>(m_fileSpace.end() << kPageShift)) != 0) {
-        // Keeping a longer file than needed is harmless; its tail is reused or cut later.
-    }
-}
-
-bool VirtualMemoryPool::Engine::pageOut(Span* span) {
-    if (span->dirty) {
-        if (m_fd < 0 && !openPageFile())
-            return false;
-        bool newSlot = false;
-        if (span->fileSlot == kNoSlot) {
-            span->fileSlot = m_fileSpace.take(span->pageCount);
-            newSlot = true;
         }
-        if (!writeAll(span->memory, span->bytes(), span->fileSlot << kPageShift)) {
-            if (newSlot)
-                giveFileSlot(span);
-            return false;
+        if (span->copy != kCopyExact) {
+            const unsigned long long print = fingerprint(span->memory, span->bytes());
+            if (span->copy == kCopyNone || print != span->fingerprint) {
+                span->flags |= kInBatch;
+                m_batch.push_back({span, print, false}); // cannot throw: reserved below
+                m_batchBytes += span->bytes();
+                if ((m_batchBytes >= kIoRunBytes || m_batch.size() == m_batch.capacity()) &&
+                    !flushBatch())
+                    return false;
+                continue;
+            }
+            span->copy = kCopyExact; // mapped for writing, but not a byte changed
         }
-        ++m_pageWrites;
-    } else {
         ++m_pageDrops;
+        evict(span);
     }
+    return flushBatch();
+}
+
+// Writes the batch in runs of adjacent file slots; each span written leaves memory.
+bool VirtualMemoryPool::Engine::flushBatch() {
+    if (m_batch.empty())
+        return true;
+    const bool opened = m_file.open();
+    for (BatchEntry& entry : m_batch) {
+        Span* span = entry.span;
+        if (opened && span->fileSlot == kNoSlot) {
+            span->fileSlot = m_file.take(span->pageCount, span);
+            entry.newSlot = span->fileSlot != kNoSlot;
+        }
+    }
+    std::sort(m_batch.begin(), m_batch.end(), [](const BatchEntry& a, const BatchEntry& b) {
+        return a.span->fileSlot < b.span->fileSlot;
+    });
+    bool allWritten = true;
+    for (std::size_t first = 0, end; first < m_batch.size(); first = end) {
+        // A run: slots that follow one another, as many as one gathered call takes.
+        end = first + 1;
+        while (end < m_batch.size() && end - first < IOV_MAX &&
+               m_batch[end].span->fileSlot ==
+                   m_batch[end - 1].span->fileSlot + m_batch[end - 1].span->pageCount)
+            ++end;
+        m_pieces.clear();
+        for (std::size_t i = first; i < end; ++i)
+            m_pieces.push_back({m_batch[i].span->memory, m_batch[i].span->bytes()});
+        const unsigned slot = m_batch[first].span->fileSlot;
+        const bool attempted = opened && slot != kNoSlot;
+        const bool written =
+            attempted && m_file.write(m_pieces.data(), static_cast<unsigned>(end - first), slot);
+        allWritten &= written;
+        for (std::size_t i = first; i < end; ++i) {
+            Span* span = m_batch[i].span;
+            span->flags &= static_cast<unsigned char>(~kInBatch);
+            if (written) {
+                span->fingerprint = m_batch[i].fingerprint;
+                span->copy = kCopyExact;
+                ++m_pageWrites;
+                evict(span);
+                continue;
+            }
+            if (m_batch[i].newSlot)
+                giveFileSlot(span);
+            else if (attempted)
+                span->copy = kCopyNone; // its slot may now hold part of the new bytes (rule 8)
+        }
+    }
+    m_batch.clear();
+    m_batchBytes = 0;
+    return allWritten;
+}
+
+// The span, unpinned and with an exact copy, leaves memory.
+void VirtualMemoryPool::Engine::evict(Span* span) {
     ringRemove(span);
     --m_unpinnedResident;
     dropBuffer(span->memory, span->pageCount);
+    m_records.give(span->refs, slotCount(span));
     span->memory = nullptr;
-    span->dirty = false;
+    span->refs = nullptr;
+    span->flags &= static_cast<unsigned char>(~kReferenced);
     m_residentBytes -= span->bytes();
     m_pageOuts += span->pageCount;
-    return true;
 }
 
+// Returns the span's file slot for reuse.
+void VirtualMemoryPool::Engine::giveFileSlot(Span* span) {
+    m_file.give(span->fileSlot, span->pageCount);
+    span->fileSlot = kNoSlot;
+}
+
+// Reads the span back, with the spans that follow it in the file when the reads go in file
+// order (rule 11). False when the span itself cannot be read or is damaged (rule 9).
 bool VirtualMemoryPool::Engine::pageIn(Span* span) {
-    if (!makeRoom(span->bytes()))
-        return false;
-    bool recycled;
-    char* memory = takeBuffer(span->pageCount, recycled);
-    if (memory == nullptr)
-        return false;
-    if (!readAll(memory, span->bytes(), span->fileSlot << kPageShift)) {
-        dropBuffer(memory, span->pageCount);
-        return false;
+    m_run.clear();
+    m_run.push_back(span);
+    unsigned long long runBytes = span->bytes();
+    unsigned next = span->fileSlot + span->pageCount;
+    if (span->fileSlot == m_nextSequential) {
+        const unsigned long long limit = std::min(kIoRunBytes, m_budget / 4);
+        while (m_run.size() < m_run.capacity()) {
+            Span* follower = static_cast<Span*>(const_cast<void*>(m_file.ownerAt(next)));
+            if (follower == nullptr || follower->memory != nullptr ||
+                runBytes + follower->bytes() > limit)
+                break;
+            m_run.push_back(follower);
+            runBytes += follower->bytes();
+            next += follower->pageCount;
+        }
     }
-    ++m_pageReads;
-    span->memory = memory;
-    span->dirty = false;
-    span->referenced = false;
-    m_residentBytes += span->bytes();
-    ++m_unpinnedResident; // a paged-out span is never pinned
-    ringInsert(span);
-    return true;
+    if (!makeRoom(runBytes))
+        return false;
+    // What is pinned may leave no room for reading ahead.
+    while (m_run.size() > 1 && m_residentBytes + runBytes > m_budget) {
+        runBytes -= m_run.back()->bytes();
+        m_run.pop_back();
+    }
+    m_pieces.clear();
+    for (Span* member : m_run) {
+        bool recycled;
+        char* memory = takeBuffer(member->pageCount, recycled);
+        unsigned char* refs =
+            memory ? static_cast<unsigned char*>(m_records.take(slotCount(member))) : nullptr;
+        if (refs == nullptr) {
+            if (memory != nullptr)
+                dropBuffer(memory, member->pageCount);
+            break;
+        }
+        std::memset(refs, 0, slotCount(member));
+        member->refs = refs;
+        m_pieces.push_back({memory, member->bytes()});
+    }
+    m_run.resize(m_pieces.size());
+    std::size_t readCount = 0;
+    if (m_pieces.empty())
+        readCount = 0;
+    else if (m_file.read(m_pieces.data(), static_cast<unsigned>(m_pieces.size()), span->fileSlot))
+        readCount = m_pieces.size();
+    else if (m_pieces.size() > 1 && m_file.read(m_pieces.data(), 1, span->fileSlot))
+        readCount = 1; // the read-ahead failed; the span asked for may still be whole
+    bool ok = false;
+    for (std::size_t i = 0; i < m_run.size(); ++i) {
+        Span* member = m_run[i];
+        char* memory = static_cast<char*>(m_pieces[i].iov_base);
+        if (i >= readCount || fingerprint(memory, member->bytes()) != member->fingerprint) {
+            dropBuffer(memory, member->pageCount);
+            m_records.give(member->refs, slotCount(member));
+            member->refs = nullptr;
+            continue;
+        }
+        member->memory = memory;
+        member->copy = kCopyExact;
+        member->flags &= static_cast<unsigned char>(~kReferenced);
+        m_residentBytes += member->bytes();
+        ++m_unpinnedResident; // a paged-out span is never pinned
+        ringInsert(member);
+        ++m_pageReads;
+        ok |= member == span;
+    }
+    if (!m_run.empty())
+        m_nextSequential = m_run.back()->fileSlot + m_run.back()->pageCount;
+    return ok;
 }
 
 // New and paged-in spans go just behind the hand, so the sweep reaches them last.
@@ -652,7 +711,7 @@ void VirtualMemoryPool::Engine::ringRemove(Span* span) {
 
 void VirtualMemoryPool::Engine::nonFullPush(Span* span) {
     SizeClass& sc = m_classes[span->classIndex];
-    span->onNonFullList = true;
+    span->flags |= kOnNonFullList;
     span->classPrev = nullptr;
     // Resident spans go in front, so allocation rarely has to page one in.
     if (span->memory != nullptr || sc.nonFull == nullptr) {
@@ -673,7 +732,7 @@ void VirtualMemoryPool::Engine::nonFullPush(Span* span) {
 }
 
 void VirtualMemoryPool::Engine::nonFullRemove(Span* span) {
-    if (!span->onNonFullList)
+    if ((span->flags & kOnNonFullList) == 0)
         return;
     SizeClass& sc = m_classes[span->classIndex];
     if (span->classPrev)
@@ -683,37 +742,79 @@ void VirtualMemoryPool::Engine::nonFullRemove(Span* span) {
     if (span->classNext)
         span->classNext->classPrev = span->classPrev;
     span->classPrev = span->classNext = nullptr;
-    span->onNonFullList = false;
+    span->flags &= static_cast<unsigned char>(~kOnNonFullList);
 }
 
-void VirtualMemoryPool::Engine::pin(Span* span, unsigned slot) {
-    if (span->refs[slot]++ == 0) {
+unsigned VirtualMemoryPool::Engine::countOf(const Span* span, unsigned slot) const {
+    const unsigned char count = span->refs[slot];
+    return count == kCountInTable ? m_bigCounts.at(slotOffset(span, slot)) : count;
+}
+
+// Raises the object's count by 1; false, with nothing changed, when it is at its largest or
+// the overflow table cannot grow.
+bool VirtualMemoryPool::Engine::pin(Span* span, unsigned slot) {
+    unsigned char& count = span->refs[slot];
+    if (count == 0) {
+        count = 1;
         ++m_outstanding;
         if (span->pinCount++ == 0)
             --m_unpinnedResident;
+        return true;
     }
+    if (count < kCountInTable - 1) {
+        ++count;
+        return true;
+    }
+    const unsigned long long offset = slotOffset(span, slot);
+    if (count == kCountInTable) {
+        unsigned& big = m_bigCounts.find(offset)->second;
+        if (big == kMaxCount)
+            return false;
+        ++big;
+        return true;
+    }
+    try {
+        m_bigCounts.emplace(offset, kCountInTable);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    count = kCountInTable;
+    return true;
 }
 
 void VirtualMemoryPool::Engine::unpin(Span* span, unsigned slot) {
-    if (--span->refs[slot] == 0) {
-        --m_outstanding;
-        if (--span->pinCount == 0) {
-            ++m_unpinnedResident;
-            span->referenced = true;
-            // What was pinned may have held the store above its budget; a failed page-out
-            // here is retried by the next call that needs room (rule 8).
-            if (m_residentBytes > m_budget)
-                makeRoom(0);
+    unsigned char& count = span->refs[slot];
+    if (count == kCountInTable) {
+        auto it = m_bigCounts.find(slotOffset(span, slot));
+        if (--it->second == kCountInTable - 1) {
+            m_bigCounts.erase(it);
+            count = kCountInTable - 1;
         }
+        return;
     }
+    if (--count == 0) {
+        --m_outstanding;
+        if (--span->pinCount == 0)
+            spanUnpinned(span);
+    }
+}
+
+void VirtualMemoryPool::Engine::spanUnpinned(Span* span) {
+    ++m_unpinnedResident;
+    span->flags |= kReferenced;
+    // What was pinned may have held the store above its budget; a failed page-out here is
+    // retried by the next call that needs room (rule 8).
+    if (m_residentBytes > m_budget)
+        makeRoom(0);
 }
 
 void* VirtualMemoryPool::Engine::allocate(unsigned long long size, PageItem& item) {
     item.offset = 0;
     Span* span;
-    unsigned slot;
+    unsigned slot = 0;
     if (size <= kMaxSmallSize) {
-        const unsigned classIndex = m_classOfGranules[(size + kClassGranule - 1) / kClassGranule];
+        const unsigned short classIndex =
+            m_classOfGranules[(size + kClassGranule - 1) / kClassGranule];
         SizeClass& sc = m_classes[classIndex];
         span = sc.nonFull;
         if (span != nullptr) {
@@ -722,7 +823,7 @@ void* VirtualMemoryPool::Engine::allocate(unsigned long long size, PageItem& ite
         } else {
             if (!makeRoom(sc.pages * kPageSize))
                 return nullptr;
-            span = newSpan(classIndex, sc.pages, sc.slots);
+            span = newSpan(classIndex, sc.pages);
             if (span == nullptr)
                 return nullptr;
             nonFullPush(span);
@@ -730,8 +831,13 @@ void* VirtualMemoryPool::Engine::allocate(unsigned long long size, PageItem& ite
         }
         if (span->liveCount == 0)
             --sc.emptySpans;
-        slot = span->freeStack[--span->freeTop];
-        if (span->freeTop == 0)
+        // The lowest free slot: a span on the non-full list has one below slotCount.
+        unsigned long long* live = span->live();
+        unsigned word = 0;
+        while (live[word] == ~0ULL)
+            ++word;
+        slot = word * 64 + static_cast<unsigned>(__builtin_ctzll(~live[word]));
+        if (span->liveCount + 1u == sc.slots)
             nonFullRemove(span);
         ++sc.liveObjects;
     } else {
@@ -741,17 +847,16 @@ void* VirtualMemoryPool::Engine::allocate(unsigned long long size, PageItem& ite
         const unsigned long long pages = (size + kPageSize - 1) >> kPageShift;
         if (!makeRoom(pages * kPageSize))
             return nullptr;
-        span = newSpan(kLargeClass, static_cast<unsigned>(pages), 1);
+        span = newSpan(kLargeClass, static_cast<unsigned>(pages));
         if (span == nullptr)
             return nullptr;
-        slot = 0;
-        span->freeTop = 0;
     }
-    span->refs[slot] = 0;
+    span->live()[slot >> 6] |= 1ULL << (slot & 63);
     ++span->liveCount;
     ++m_objectsCurrent;
-    pin(span, slot);
-    span->dirty = true;
+    pin(span, slot); // from 0 to 1: cannot fail
+    if (span->copy == kCopyExact)
+        span->copy = kCopyMaybe;
     ++m_objectsCumulative;
     m_objectsMax = std::max(m_objectsMax, m_objectsCurrent);
     item.offset = slotOffset(span, slot);
@@ -764,21 +869,17 @@ void* VirtualMemoryPool::Engine::allocate(unsigned long long size, PageItem& ite
 void* VirtualMemoryPool::Engine::getAddress(unsigned long long offset, bool forWriting) {
     unsigned slot;
     Span* span = find(offset, slot);
-    // A count one short of the free-slot marker is full: one more would make the object vanish.
-    if (span == nullptr || span->refs[slot] == kFreeSlot - 1)
+    if (span == nullptr || (span->memory == nullptr && !pageIn(span)) || !pin(span, slot))
         return nullptr;
-    if (span->memory == nullptr && !pageIn(span))
-        return nullptr;
-    pin(span, slot);
-    if (forWriting)
-        span->dirty = true;
+    if (forWriting && span->copy == kCopyExact)
+        span->copy = kCopyMaybe;
     return span->memory + (offset - span->baseOffset());
 }
 
 void VirtualMemoryPool::Engine::dismiss(unsigned long long offset) {
     unsigned slot;
     Span* span = find(offset, slot);
-    if (span == nullptr || span->refs[slot] == 0)
+    if (span == nullptr || span->memory == nullptr || span->refs[slot] == 0)
         return;
     unpin(span, slot);
 }
@@ -786,8 +887,8 @@ void VirtualMemoryPool::Engine::dismiss(unsigned long long offset) {
 void VirtualMemoryPool::Engine::dirty(unsigned long long offset) {
     unsigned slot;
     Span* span = find(offset, slot);
-    if (span != nullptr && span->memory != nullptr)
-        span->dirty = true;
+    if (span != nullptr && span->memory != nullptr && span->copy == kCopyExact)
+        span->copy = kCopyMaybe;
 }
 
 void VirtualMemoryPool::Engine::deallocate(unsigned long long offset) {
@@ -795,14 +896,19 @@ void VirtualMemoryPool::Engine::deallocate(unsigned long long offset) {
     Span* span = find(offset, slot);
     if (span == nullptr)
         return;
-    if (span->refs[slot] > 0) {
+    bool unpinnedNow = false;
+    if (span->memory != nullptr && span->refs[slot] > 0) {
+        if (span->refs[slot] == kCountInTable)
+            m_bigCounts.erase(slotOffset(span, slot));
+        span->refs[slot] = 0;
         --m_outstanding;
         if (--span->pinCount == 0) {
             ++m_unpinnedResident;
-            span->referenced = true;
+            span->flags |= kReferenced;
+            unpinnedNow = true;
         }
     }
-    span->refs[slot] = kFreeSlot;
+    span->live()[slot >> 6] &= ~(1ULL << (slot & 63));
     --span->liveCount;
     --m_objectsCurrent;
     if (span->classIndex == kLargeClass) {
@@ -811,7 +917,6 @@ void VirtualMemoryPool::Engine::deallocate(unsigned long long offset) {
     }
     SizeClass& sc = m_classes[span->classIndex];
     --sc.liveObjects;
-    span->freeStack[span->freeTop++] = slot;
     if (span->liveCount == 0) {
         // Keep one resident empty span per class, so alloc/free in turn does not make and
         // release a span every time. Its bytes mean nothing any more: its file copy goes.
@@ -820,16 +925,15 @@ void VirtualMemoryPool::Engine::deallocate(unsigned long long offset) {
             return;
         }
         ++sc.emptySpans;
-        if (span->fileSlot != kNoSlot) {
+        if (span->fileSlot != kNoSlot)
             giveFileSlot(span);
-            span->dirty = true; // a page-out must find it a slot again
-        }
+        span->copy = kCopyNone; // a page-out must find it a slot again
     }
-    if (!span->onNonFullList)
+    if ((span->flags & kOnNonFullList) == 0)
         nonFullPush(span);
     // Ending a pinned object may have unpinned a span that held the store above its budget
     // (rule 3), as the last dismiss would have.
-    if (m_residentBytes > m_budget)
+    if (unpinnedNow && m_residentBytes > m_budget)
         makeRoom(0);
 }
 
@@ -851,14 +955,14 @@ void VirtualMemoryPool::Engine::extractStats(VirtualMemoryStats* stats, unsigned
     stats->objectsMax = m_objectsMax;
     stats->objectsCumulative = m_objectsCumulative;
     stats->pageDrops = m_pageDrops;
-    stats->pageFileSize = m_fd >= 0 ? m_fileSpace.end() << kPageShift : 0;
+    stats->pageFileSize = m_file.sizeInBytes();
     stats->pageReads = m_pageReads;
     stats->pageOuts = m_pageOuts;
     stats->pageWrites = m_pageWrites;
     stats->largePages = m_largePages;
     stats->largeSpans = m_largeSpans;
     stats->fixedPoolCount = poolCount;
-    std::snprintf(stats->pageFileName, sizeof(stats->pageFileName), "%s", m_fileName.c_str());
+    std::snprintf(stats->pageFileName, sizeof(stats->pageFileName), "%s", m_file.name().c_str());
     unsigned index = 0;
     for (const SizeClass& sc : m_classes) {
         if (sc.spanCount == 0)
@@ -885,9 +989,9 @@ unsigned long long VirtualMemoryPool::Engine::outstanding(VirtualMemoryReference
         const Span* span = m_pageMap[page];
         if (span == nullptr || span->firstPage != page || span->pinCount == 0)
             continue;
-        for (unsigned slot = 0; slot < span->slotCount; ++slot) {
-            const unsigned refs = span->refs[slot];
-            if (refs == kFreeSlot || refs == 0)
+        for (unsigned slot = 0; slot < slotCount(span); ++slot) {
+            const unsigned refs = span->isLive(slot) ? countOf(span, slot) : 0;
+            if (refs == 0)
                 continue;
             sum += refs;
             if (info != nullptr && written < count)
@@ -900,25 +1004,35 @@ unsigned long long VirtualMemoryPool::Engine::outstanding(VirtualMemoryReference
 }
 
 void VirtualMemoryPool::Engine::checkSpan(const Span* span) const {
+    const unsigned slots = slotCount(span);
     unsigned live = 0, pinned = 0;
-    for (unsigned slot = 0; slot < span->slotCount; ++slot) {
-        if (span->refs[slot] != kFreeSlot) {
-            ++live;
+    for (unsigned word = 0; word < bitmapWords(span); ++word)
+        live += static_cast<unsigned>(__builtin_popcountll(span->live()[word]));
+    VMM_CHECK(live == span->liveCount, span->firstPage);
+    VMM_CHECK(slots == 64 * bitmapWords(span) || (span->live()[slots >> 6] >> (slots & 63)) == 0,
+              span->firstPage); // no bit beyond the last slot
+    if (span->memory != nullptr) {
+        VMM_CHECK(span->refs != nullptr, span->firstPage);
+        for (unsigned slot = 0; slot < slots; ++slot) {
+            VMM_CHECK(span->isLive(slot) || span->refs[slot] == 0, slotOffset(span, slot));
+            VMM_CHECK(span->refs[slot] != kCountInTable ||
+                          m_bigCounts.count(slotOffset(span, slot)) == 1,
+                      slotOffset(span, slot));
             pinned += span->refs[slot] > 0;
         }
+    } else { // rule 9
+        VMM_CHECK(span->refs == nullptr && span->ringNext == nullptr, span->firstPage);
+        VMM_CHECK(span->copy == kCopyExact && span->fileSlot != kNoSlot, span->firstPage);
     }
-    VMM_CHECK(live == span->liveCount, span->firstPage);
-    VMM_CHECK(pinned == span->pinCount, span->firstPage);
-    VMM_CHECK(live + span->freeTop == span->slotCount || span->classIndex == kLargeClass,
-              span->firstPage);
-    VMM_CHECK(span->pinCount == 0 || span->memory != nullptr, span->firstPage); // rule 1
-    VMM_CHECK(span->memory != nullptr || span->fileSlot != kNoSlot, span->firstPage);
-    VMM_CHECK(span->memory != nullptr || !span->dirty, span->firstPage);
+    VMM_CHECK(pinned == span->pinCount, span->firstPage); // rule 1 for paged-out spans
+    VMM_CHECK(span->copy == kCopyNone || span->fileSlot != kNoSlot, span->firstPage);
+    VMM_CHECK(span->fileSlot == kNoSlot || m_file.ownerAt(span->fileSlot) == span, span->firstPage);
+    VMM_CHECK((span->flags & kInBatch) == 0, span->firstPage);
 }
 
 void VirtualMemoryPool::Engine::verify() const {
-    unsigned long long resident = 0, outstanding = 0, objects = 0;
-    unsigned long long pagesMapped = 0, filePages = 0;
+    unsigned long long resident = 0, outstanding = 0, objects = 0, bigCounts = 0;
+    unsigned long long pagesMapped = 0, filePages = 0, slots = 0;
     for (unsigned long long page = 0; page < m_pageMap.size(); ++page) {
         const Span* span = m_pageMap[page];
         if (span == nullptr)
@@ -928,13 +1042,18 @@ void VirtualMemoryPool::Engine::verify() const {
         if (span->firstPage != page)
             continue;
         checkSpan(span);
-        if (span->memory != nullptr)
+        if (span->memory != nullptr) {
             resident += span->bytes();
-        if (span->fileSlot != kNoSlot)
+            for (unsigned slot = 0; slot < slotCount(span); ++slot) {
+                outstanding += span->refs[slot] > 0;
+                bigCounts += span->refs[slot] == kCountInTable;
+            }
+        }
+        if (span->fileSlot != kNoSlot) {
             filePages += span->pageCount;
+            ++slots;
+        }
         objects += span->liveCount;
-        for (unsigned slot = 0; slot < span->slotCount; ++slot)
-            outstanding += span->refs[slot] != kFreeSlot && span->refs[slot] > 0;
     }
     // Rule 2: the ring holds the resident spans, each once, and unpinnedResident is exact.
     unsigned long long ringLength = 0, ringUnpinned = 0, residentSpans = 0;
@@ -957,9 +1076,12 @@ void VirtualMemoryPool::Engine::verify() const {
     VMM_CHECK(ringUnpinned == m_unpinnedResident, ringUnpinned);
     VMM_CHECK(resident == m_residentBytes, resident);     // rule 3
     VMM_CHECK(outstanding == m_outstanding, outstanding); // rule 7
+    VMM_CHECK(bigCounts == m_bigCounts.size(), bigCounts);
     VMM_CHECK(objects == m_objectsCurrent, objects);
+    VMM_CHECK(m_batch.empty() && m_batchBytes == 0, m_batch.size());
     VMM_CHECK(pagesMapped + m_pageNumbers.freeUnits() + 1 == m_pageNumbers.end(), pagesMapped);
-    VMM_CHECK(filePages + m_fileSpace.freeUnits() == m_fileSpace.end(), filePages); // rule 6
+    VMM_CHECK(filePages == m_file.pagesInUse(), filePages); // rule 6 and P2
+    VMM_CHECK(slots == m_file.ownerCount(), slots);
 }
 
 // ------------------------------------------------------------------------------------------
