@@ -12,8 +12,8 @@
 #include <unistd.h>
 #include <vector>
 
-// Prints as usual and keeps, per benchmark function, the median real time of its repetitions
-// (or the time of its single run when it is not repeated).
+// Prints as usual and keeps, per benchmark function and argument, the median real time of its
+// repetitions (or the time of its single run when it is not repeated).
 class MedianReporter : public benchmark::ConsoleReporter {
 public:
     // Colour only on a terminal, so that logs and pipes get plain text.
@@ -21,7 +21,9 @@ public:
 
     void ReportRuns(const std::vector<Run>& runs) override {
         for (const Run& run : runs) {
-            const std::string name = run.run_name.function_name;
+            std::string name = run.run_name.function_name;
+            if (!run.run_name.args.empty())
+                name += "/" + run.run_name.args; // as "BM_Name/65536"
             if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median")
                 medians[name] = run.GetAdjustedRealTime();
             else if (run.run_type == Run::RT_Iteration && run.repetitions <= 1)

@@ -51,6 +51,13 @@
 //      spans whose slots follow it, up to 256 KiB (at most a quarter of the budget), in one
 //      gathered read. Read-ahead stops at a free slot or a resident span, so it never makes a
 //      second copy of a span in memory.
+//  12. Spans read in file order go on the scan queue and leave memory before the clock sweeps,
+//      oldest first, until one of them is used a second time: a scan through data larger than
+//      the budget cycles through its own few spans and leaves the rest of memory alone.
+//  13. In a full store (within a batch's worth of its budget) the first release of a span that
+//      came in takes its fingerprint while its bytes are still in cache: an unchanged span's
+//      copy is exact again; a changed or new one keeps the print (kPrintTaken) until it is
+//      mapped for writing again, so the sweep writes it without reading its bytes twice.
 //
 // Span states and the functions that move a span between them (pinned is "resident" with a
 // count above 0; it keeps its copy state):
@@ -77,6 +84,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <new>
 #include <string>
 #include <unordered_map>
@@ -105,7 +113,15 @@ const unsigned char kCountInTable = 0xFF;             // slot count: see the ove
 const unsigned kMaxCount = 0xFFFFFFFEu;               // a reference count never goes beyond
 
 enum CopyState : unsigned char { kCopyNone, kCopyMaybe, kCopyExact };
-enum SpanFlag : unsigned char { kReferenced = 1, kOnNonFullList = 2, kInBatch = 4 };
+enum SpanFlag : unsigned char {
+    kReferenced = 1,    // released since the clock hand last passed
+    kOnNonFullList = 2, // on its class's list of spans with free slots
+    kInBatch = 4,       // chosen by a sweep to be written, still resident
+    kScan = 8,          // read in file order and not used twice since: on the scan queue
+    kScanUsed = 16,     // a kScan span that has been pinned and released once
+    kFresh = 32,        // came in (new or read back) and not released since
+    kPrintTaken = 64,   // no copy, but the fingerprint of its bytes as they are is taken
+};
 
 [[noreturn]] void broken(const char* rule, unsigned long long detail) {
     std::fprintf(stderr, "VirtualMemoryPool: invariant broken: %s (%llu)\n", rule, detail);
@@ -133,7 +149,9 @@ struct Span {
     unsigned short pinCount;        // objects with a reference count above 0
     unsigned char copy;             // CopyState
     unsigned char flags;            // SpanFlag bits
-    unsigned long long fingerprint; // of the copy in the file slot, when there is one
+    unsigned scanStamp;             // tells its entry on the scan queue from stale ones
+    unsigned long long fingerprint; // of the copy in the file slot, or with kPrintTaken of the
+                                    // bytes in memory
     Span* ringPrev;                 // clock ring links (resident spans only)
     Span* ringNext;
     Span* classPrev; // the class's list of spans with free slots
@@ -215,6 +233,14 @@ private:
     std::size_t m_chunkLeft = 0;
 };
 
+// A span read in file order, as it was when it came in: the entry is stale once the span at
+// that page is another, has left memory or came in again (another stamp).
+struct ScanEntry {
+    Span* span;
+    unsigned firstPage;
+    unsigned stamp;
+};
+
 // One span that a sweep chose to write, with the fingerprint of the bytes it writes.
 struct BatchEntry {
     Span* span;
@@ -283,13 +309,16 @@ private:
     Span* newSpan(unsigned short classIndex, unsigned pages);
     void releaseSpan(Span* span);
     bool makeRoom(unsigned long long incoming);
+    bool chooseVictim(Span* span);
     bool flushBatch();
     void evict(Span* span);
+    void queueForScan(Span* span);
     bool pageIn(Span* span);
     void giveFileSlot(Span* span);
     bool pin(Span* span, unsigned slot);
     void unpin(Span* span, unsigned slot);
     void spanUnpinned(Span* span);
+    void takePrint(Span* span);
     void ringInsert(Span* span);
     void ringRemove(Span* span);
     char* takeBuffer(unsigned pages, bool& recycled);
@@ -311,8 +340,10 @@ private:
     unsigned long long m_residentBytes = 0;
     std::vector<BatchEntry> m_batch; // spans chosen to be written, still resident
     unsigned long long m_batchBytes = 0;
-    std::vector<iovec> m_pieces;         // scratch for gathered transfers
-    std::vector<Span*> m_run;            // scratch for read-ahead
+    std::vector<iovec> m_pieces;       // scratch for gathered transfers
+    std::vector<Span*> m_run;          // scratch for read-ahead
+    std::deque<ScanEntry> m_scanQueue; // spans read in file order, oldest first
+    unsigned m_scanStamps = 0;
     unsigned m_nextSequential = kNoSlot; // file page just behind the last span read
     std::vector<std::vector<char*>> m_buffers{kCachedBufferPages + 1}; // by page count
     unsigned long long m_bufferBytes = 0;
@@ -459,6 +490,7 @@ Span* VirtualMemoryPool::Engine::newSpan(unsigned short classIndex, unsigned pag
     span->slotMagic =
         span->elementSize == 0 ? 0 : static_cast<unsigned>((1ULL << 32) / span->elementSize + 1);
     span->copy = kCopyNone; // nothing of it is in the page file yet
+    span->flags = kFresh;
     span->fileSlot = kNoSlot;
     for (unsigned i = 0; i < pages; ++i)
         m_pageMap[firstPage + i] = span;
@@ -504,15 +536,30 @@ void VirtualMemoryPool::Engine::releaseSpan(Span* span) {
     m_records.give(span, recordBytes(span));
 }
 
-// Sweeps the clock until `incoming` more bytes fit in the budget with a batch's worth to
-// spare (rule 10), or nothing unpinned is left. False only when a write failed (rule 8).
+// Makes room until `incoming` more bytes fit in the budget with a batch's worth to spare
+// (rule 10), or nothing unpinned is left. Spans read in file order and used once go first, oldest
+// first (rule 12); then the clock sweeps. False only when a write failed (rule 8).
 bool VirtualMemoryPool::Engine::makeRoom(unsigned long long incoming) {
     if (m_residentBytes + incoming <= m_budget)
         return true;
     const unsigned long long spare = std::min(kIoRunBytes, m_budget / 16);
     const unsigned long long goal = m_budget - spare;
-    while (m_residentBytes - m_batchBytes + incoming > goal &&
-           m_unpinnedResident > m_batch.size()) {
+    auto needMore = [&] {
+        return m_residentBytes - m_batchBytes + incoming > goal &&
+               m_unpinnedResident > m_batch.size();
+    };
+    while (needMore() && !m_scanQueue.empty()) {
+        const ScanEntry entry = m_scanQueue.front();
+        m_scanQueue.pop_front();
+        Span* span = entry.span;
+        if (entry.firstPage >= m_pageMap.size() || m_pageMap[entry.firstPage] != span ||
+            span->scanStamp != entry.stamp || (span->flags & kScan) == 0)
+            continue; // stale
+        span->flags &= static_cast<unsigned char>(~(kScan | kScanUsed));
+        if (span->pinCount == 0 && (span->flags & kInBatch) == 0 && !chooseVictim(span))
+            return false;
+    }
+    while (needMore()) {
         Span* span = m_hand;
         m_hand = span->ringNext;
         if (span->pinCount > 0 || (span->flags & kInBatch) != 0)
@@ -521,23 +568,33 @@ bool VirtualMemoryPool::Engine::makeRoom(unsigned long long incoming) {
             span->flags &= static_cast<unsigned char>(~kReferenced);
             continue;
         }
-        if (span->copy != kCopyExact) {
-            const unsigned long long print = fingerprint(span->memory, span->bytes());
-            if (span->copy == kCopyNone || print != span->fingerprint) {
-                span->flags |= kInBatch;
-                m_batch.push_back({span, print, false}); // cannot throw: reserved below
-                m_batchBytes += span->bytes();
-                if ((m_batchBytes >= kIoRunBytes || m_batch.size() == m_batch.capacity()) &&
-                    !flushBatch())
-                    return false;
-                continue;
-            }
-            span->copy = kCopyExact; // mapped for writing, but not a byte changed
-        }
-        ++m_pageDrops;
-        evict(span);
+        if (!chooseVictim(span))
+            return false;
     }
     return flushBatch();
+}
+
+// The unpinned span leaves memory: at once when its copy is exact or its bytes unchanged
+// (rule 4), else through the batch. False only when flushing the batch failed.
+bool VirtualMemoryPool::Engine::chooseVictim(Span* span) {
+    if (span->copy != kCopyExact) {
+        const bool taken = (span->flags & kPrintTaken) != 0;
+        const unsigned long long print =
+            taken ? span->fingerprint : fingerprint(span->memory, span->bytes());
+        if (span->copy == kCopyNone || print != span->fingerprint) {
+            span->flags |= kInBatch;
+            m_batch.push_back({span, print, false}); // cannot throw: flushed at capacity
+            span->flags &= static_cast<unsigned char>(~kPrintTaken);
+            m_batchBytes += span->bytes();
+            if (m_batchBytes >= kIoRunBytes || m_batch.size() == m_batch.capacity())
+                return flushBatch();
+            return true;
+        }
+        span->copy = kCopyExact; // mapped for writing, but not a byte changed
+    }
+    ++m_pageDrops;
+    evict(span);
+    return true;
 }
 
 // Writes the batch in runs of adjacent file slots; each span written leaves memory.
@@ -618,7 +675,8 @@ bool VirtualMemoryPool::Engine::pageIn(Span* span) {
     m_run.push_back(span);
     unsigned long long runBytes = span->bytes();
     unsigned next = span->fileSlot + span->pageCount;
-    if (span->fileSlot == m_nextSequential) {
+    const bool sequential = span->fileSlot == m_nextSequential;
+    if (sequential) {
         const unsigned long long limit = std::min(kIoRunBytes, m_budget / 4);
         while (m_run.size() < m_run.capacity()) {
             Span* follower = static_cast<Span*>(const_cast<void*>(m_file.ownerAt(next)));
@@ -672,16 +730,37 @@ bool VirtualMemoryPool::Engine::pageIn(Span* span) {
         }
         member->memory = memory;
         member->copy = kCopyExact;
-        member->flags &= static_cast<unsigned char>(~kReferenced);
+        member->flags = static_cast<unsigned char>((member->flags & kOnNonFullList) | kFresh);
         m_residentBytes += member->bytes();
         ++m_unpinnedResident; // a paged-out span is never pinned
         ringInsert(member);
         ++m_pageReads;
         ok |= member == span;
+        if (sequential)
+            queueForScan(member);
     }
     if (!m_run.empty())
         m_nextSequential = m_run.back()->fileSlot + m_run.back()->pageCount;
     return ok;
+}
+
+// The span, just read in file order, goes on the scan queue; the queue keeps at most about a
+// budget's worth of entries, stale ones included.
+void VirtualMemoryPool::Engine::queueForScan(Span* span) {
+    if (m_scanQueue.size() > (m_budget >> kPageShift) + 64) {
+        const ScanEntry old = m_scanQueue.front();
+        m_scanQueue.pop_front();
+        if (old.firstPage < m_pageMap.size() && m_pageMap[old.firstPage] == old.span &&
+            old.span->scanStamp == old.stamp)
+            old.span->flags &= static_cast<unsigned char>(~(kScan | kScanUsed));
+    }
+    try {
+        m_scanQueue.push_back({span, span->firstPage, ++m_scanStamps});
+    } catch (const std::bad_alloc&) {
+        return; // the span is then left to the clock
+    }
+    span->scanStamp = m_scanStamps;
+    span->flags |= kScan;
 }
 
 // New and paged-in spans go just behind the hand, so the sweep reaches them last.
@@ -757,8 +836,11 @@ bool VirtualMemoryPool::Engine::pin(Span* span, unsigned slot) {
     if (count == 0) {
         count = 1;
         ++m_outstanding;
-        if (span->pinCount++ == 0)
+        if (span->pinCount++ == 0) {
             --m_unpinnedResident;
+            if ((span->flags & kScanUsed) != 0) // used twice: no scan span any more
+                span->flags &= static_cast<unsigned char>(~(kScan | kScanUsed));
+        }
         return true;
     }
     if (count < kCountInTable - 1) {
@@ -799,9 +881,29 @@ void VirtualMemoryPool::Engine::unpin(Span* span, unsigned slot) {
     }
 }
 
+// Rule 13: the first release of a span that came in, in a full store, takes its fingerprint
+// while its bytes are still in cache, so the sweep need not read them again.
+void VirtualMemoryPool::Engine::takePrint(Span* span) {
+    span->flags &= static_cast<unsigned char>(~kFresh);
+    const unsigned long long spare = std::min(kIoRunBytes, m_budget / 16);
+    if (span->copy == kCopyExact || m_residentBytes + spare < m_budget)
+        return;
+    const unsigned long long print = fingerprint(span->memory, span->bytes());
+    if (span->copy == kCopyMaybe && print == span->fingerprint) {
+        span->copy = kCopyExact;
+        return;
+    }
+    span->copy = kCopyNone; // changed: the copy in its slot, if any, is out of date
+    span->fingerprint = print;
+    span->flags |= kPrintTaken;
+}
+
 void VirtualMemoryPool::Engine::spanUnpinned(Span* span) {
     ++m_unpinnedResident;
-    span->flags |= kReferenced;
+    // A span read in file order earns no second chance from its first use (rule 12).
+    span->flags |= (span->flags & kScan) != 0 ? kScanUsed : kReferenced;
+    if ((span->flags & kFresh) != 0)
+        takePrint(span);
     // What was pinned may have held the store above its budget; a failed page-out here is
     // retried by the next call that needs room (rule 8).
     if (m_residentBytes > m_budget)
@@ -855,6 +957,7 @@ void* VirtualMemoryPool::Engine::allocate(unsigned long long size, PageItem& ite
     ++span->liveCount;
     ++m_objectsCurrent;
     pin(span, slot); // from 0 to 1: cannot fail
+    span->flags &= static_cast<unsigned char>(~kPrintTaken);
     if (span->copy == kCopyExact)
         span->copy = kCopyMaybe;
     ++m_objectsCumulative;
@@ -871,8 +974,11 @@ void* VirtualMemoryPool::Engine::getAddress(unsigned long long offset, bool forW
     Span* span = find(offset, slot);
     if (span == nullptr || (span->memory == nullptr && !pageIn(span)) || !pin(span, slot))
         return nullptr;
-    if (forWriting && span->copy == kCopyExact)
-        span->copy = kCopyMaybe;
+    if (forWriting) {
+        span->flags &= static_cast<unsigned char>(~kPrintTaken);
+        if (span->copy == kCopyExact)
+            span->copy = kCopyMaybe;
+    }
     return span->memory + (offset - span->baseOffset());
 }
 
@@ -887,7 +993,10 @@ void VirtualMemoryPool::Engine::dismiss(unsigned long long offset) {
 void VirtualMemoryPool::Engine::dirty(unsigned long long offset) {
     unsigned slot;
     Span* span = find(offset, slot);
-    if (span != nullptr && span->memory != nullptr && span->copy == kCopyExact)
+    if (span == nullptr || span->memory == nullptr)
+        return;
+    span->flags &= static_cast<unsigned char>(~kPrintTaken);
+    if (span->copy == kCopyExact)
         span->copy = kCopyMaybe;
 }
 
@@ -928,6 +1037,7 @@ void VirtualMemoryPool::Engine::deallocate(unsigned long long offset) {
         if (span->fileSlot != kNoSlot)
             giveFileSlot(span);
         span->copy = kCopyNone; // a page-out must find it a slot again
+        span->flags &= static_cast<unsigned char>(~kPrintTaken);
     }
     if ((span->flags & kOnNonFullList) == 0)
         nonFullPush(span);
@@ -1028,6 +1138,10 @@ void VirtualMemoryPool::Engine::checkSpan(const Span* span) const {
     VMM_CHECK(span->copy == kCopyNone || span->fileSlot != kNoSlot, span->firstPage);
     VMM_CHECK(span->fileSlot == kNoSlot || m_file.ownerAt(span->fileSlot) == span, span->firstPage);
     VMM_CHECK((span->flags & kInBatch) == 0, span->firstPage);
+    VMM_CHECK((span->flags & kPrintTaken) == 0 ||
+                  (span->copy == kCopyNone &&
+                   fingerprint(span->memory, span->bytes()) == span->fingerprint),
+              span->firstPage); // rule 13
 }
 
 void VirtualMemoryPool::Engine::verify() const {
