@@ -1,7 +1,7 @@
 // libFuzzer target for the paging engine: the input is a program of operations (allocate,
-// map, write, dismiss, deallocate, failing I/O on and off, stray offsets) run against a model
-// on a store with a small budget. Any wrong byte, moved pinned object, wrong count or broken
-// invariant aborts.
+// map, write, dismiss, deallocate, I/O that fails, reads back damaged bytes or ends early,
+// stray offsets) run against a model on a store with a small budget. Any wrong byte, moved
+// pinned object, wrong count or broken invariant aborts.
 //
 //   cmake -S . -B build/fuzz -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_C_COMPILER=clang \
 //         -DHXL_BUILD_FUZZERS=ON -DHXL_BUILD_TESTS=OFF -DHXL_BUILD_BENCHMARKS=OFF
@@ -27,20 +27,24 @@ struct Object {
     void* pinnedAt;
 };
 
-bool g_failIo = false;
+// 0: I/O works; 1: every call fails; 2: reads bring back one byte changed; 3: reads end early.
+unsigned g_fault = 0;
 long seamWrite(int fd, const void* data, unsigned long count, long long offset) {
-    if (g_failIo) {
+    if (g_fault == 1) {
         errno = ENOSPC;
         return -1;
     }
     return ::pwrite(fd, data, count, offset);
 }
 long seamRead(int fd, void* data, unsigned long count, long long offset) {
-    if (g_failIo) {
+    if (g_fault == 1 || g_fault == 3) {
         errno = EIO;
-        return -1;
+        return g_fault == 1 ? -1 : 0;
     }
-    return ::pread(fd, data, count, offset);
+    const long n = ::pread(fd, data, count, offset);
+    if (g_fault == 2 && n > 0)
+        static_cast<unsigned char*>(data)[offset % n] ^= 0x10;
+    return n;
 }
 
 void check(bool ok, const char* what) {
@@ -64,7 +68,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     tcmalloc::VirtualMemoryPool pool(32 * 1024, "/tmp");
     const tcmalloc::VirtualMemoryIo seam = {seamWrite, seamRead};
     pool.SetIo(&seam);
-    g_failIo = false;
+    g_fault = 0;
     std::map<unsigned long long, Object> model;
     unsigned long long pinned = 0;
 
@@ -77,7 +81,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             const unsigned length = op == 0 && (arg & 0x8000) ? 9000 + arg % 30000 : arg % 4097;
             void* address = pool.Allocate(length, item);
             if (address == nullptr) {
-                check(g_failIo && item.offset == 0, "allocation failed without an I/O fault");
+                check(g_fault != 0 && item.offset == 0, "allocation failed without an I/O fault");
                 continue;
             }
             check(model.count(item.offset) == 0, "offset of a live object handed out again");
@@ -91,7 +95,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             item.offset = it->first;
             void* address = pool.GetAddress(item, true);
             if (address == nullptr) {
-                check(g_failIo && it->second.pins == 0, "a mapping failed without an I/O fault");
+                check(g_fault != 0 && it->second.pins == 0, "a mapping failed without a fault");
                 continue;
             }
             check(it->second.pins == 0 || address == it->second.pinnedAt, "pinned object moved");
@@ -110,8 +114,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             pool.Deallocate(item);
             pinned -= it->second.pins > 0;
             model.erase(it);
-        } else if (op == 6) { // I/O faults on or off
-            g_failIo = (arg & 1) != 0;
+        } else if (op == 6) { // faults on or off
+            g_fault = arg % 4;
         } else { // a stray offset near a live one changes nothing
             auto it = pick();
             item.offset = it->first + 1 + arg % 64;
@@ -124,7 +128,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         check(pool.GetOutstandingReferences(nullptr, 0, nullptr) == pinned, "outstanding count");
     }
     pool.Verify();
-    g_failIo = false;
+    g_fault = 0;
     for (auto& entry : model) {
         tcmalloc::PageItem item{entry.first};
         void* address = pool.GetAddress(item, true);
