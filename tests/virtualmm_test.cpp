@@ -118,17 +118,14 @@ TEST(Fingerprint, FixedValuesAndEveryWordCounts) {
     EXPECT_EQ(tcmalloc::fingerprint(block.data(), 0), 0x6ffbf51e1e562ef3ULL);
     EXPECT_EQ(tcmalloc::fingerprint(block.data(), 13), 0x24496ef84a064151ULL);
     EXPECT_EQ(tcmalloc::fingerprint(block.data(), 8192), 0x658d6c8bd7652a1fULL);
-    const unsigned long long whole = tcmalloc::fingerprint(block.data(), block.size());
-    for (size_t word = 0; word < block.size() / 8; word += 61) {
-        for (unsigned bit : {0u, 31u, 63u}) {
-            block[word * 8 + bit / 8] ^= static_cast<unsigned char>(1 << (bit % 8));
-            EXPECT_NE(tcmalloc::fingerprint(block.data(), block.size()), whole) << word;
-            // The same bit of the next word of the same lane as well: the two must not cancel.
-            block[word * 8 + 64 + bit / 8] ^= static_cast<unsigned char>(1 << (bit % 8));
-            EXPECT_NE(tcmalloc::fingerprint(block.data(), block.size()), whole) << word;
-            block[word * 8 + bit / 8] ^= static_cast<unsigned char>(1 << (bit % 8));
-            block[word * 8 + 64 + bit / 8] ^= static_cast<unsigned char>(1 << (bit % 8));
+    // One bit, or the same bit of two words of one lane (which must not cancel), changed.
+    for (size_t at = 0; at + 64 < block.size(); at += 8 * 61 + 1) {
+        for (size_t other : {at, at + 64}) {
+            block[other] ^= 0x80;
+            EXPECT_NE(tcmalloc::fingerprint(block.data(), 8192), 0x658d6c8bd7652a1fULL) << at;
         }
+        block[at] ^= 0x80;
+        block[at + 64] ^= 0x80;
     }
 }
 
@@ -337,45 +334,37 @@ TEST(VirtualMemoryPool, UnchangedSpansAreNeverRewrittenAndScansReadAhead) {
 }
 
 namespace {
-// I/O seams: a disk that fills up, reads that fail, end early or bring back a changed byte,
+// The I/O seam: a disk that fills up, reads that fail, end early or bring back a changed byte,
 // calls that move a few bytes at a time and are interrupted now and then.
+enum Fault { kNoFault, kFullDisk, kFailingRead, kShortRead, kChangedRead, kChoppy } s_fault;
 long s_writeAllowance = 0;
 unsigned s_calls = 0;
-long fullDiskWrite(int fd, const void* data, unsigned long count, long long offset) {
-    if (s_writeAllowance <= 0) {
-        errno = ENOSPC;
+long seamWrite(int fd, const void* data, unsigned long count, long long offset) {
+    errno = s_fault == kChoppy ? EINTR : ENOSPC;
+    if ((s_fault == kFullDisk && s_writeAllowance <= 0) ||
+        (s_fault == kChoppy && ++s_calls % 3 == 0))
         return -1;
-    }
-    const unsigned long n = std::min<unsigned long>(count, s_writeAllowance);
-    s_writeAllowance -= static_cast<long>(n);
-    return ::pwrite(fd, data, n, offset);
-}
-long plainRead(int fd, void* data, unsigned long count, long long offset) {
-    return ::pread(fd, data, count, offset);
-}
-long plainWrite(int fd, const void* data, unsigned long count, long long offset) {
+    count = std::min<unsigned long>(count, s_fault == kChoppy     ? 1000
+                                           : s_fault == kFullDisk ? s_writeAllowance
+                                                                  : count);
+    s_writeAllowance -= static_cast<long>(count);
     return ::pwrite(fd, data, count, offset);
 }
-long failingRead(int, void*, unsigned long, long long) {
-    errno = EIO;
-    return -1;
-}
-long shortRead(int fd, void* data, unsigned long count, long long offset) {
-    return ++s_calls % 2 ? ::pread(fd, data, count / 2, offset) : 0;
-}
-long flippingRead(int fd, void* data, unsigned long count, long long offset) {
-    const long n = ::pread(fd, data, count, offset);
-    static_cast<unsigned char*>(data)[n / 2] ^= 0x40;
+long seamRead(int fd, void* data, unsigned long count, long long offset) {
+    errno = s_fault == kChoppy ? EINTR : EIO;
+    if (s_fault == kFailingRead || (s_fault == kChoppy && ++s_calls % 3 == 0) ||
+        (s_fault == kShortRead && ++s_calls % 2 == 0))
+        return s_fault == kShortRead ? 0 : -1; // an error, or the end of the file
+    const long n = ::pread(fd, data,
+                           s_fault == kChoppy      ? std::min(count, 777ul)
+                           : s_fault == kShortRead ? count / 2
+                                                   : count,
+                           offset);
+    if (s_fault == kChangedRead)
+        static_cast<unsigned char*>(data)[n / 2] ^= 0x40;
     return n;
 }
-long choppyWrite(int fd, const void* data, unsigned long count, long long offset) {
-    errno = EINTR;
-    return ++s_calls % 3 == 0 ? -1 : ::pwrite(fd, data, std::min(count, 1000ul), offset);
-}
-long choppyRead(int fd, void* data, unsigned long count, long long offset) {
-    errno = EINTR;
-    return ++s_calls % 3 == 0 ? -1 : ::pread(fd, data, std::min(count, 777ul), offset);
-}
+const tcmalloc::VirtualMemoryIo kSeam = {seamWrite, seamRead};
 } // namespace
 
 TEST(VirtualMemoryPool, IoFailuresAndDamageGiveNullNeverWrongBytes) {
@@ -386,9 +375,9 @@ TEST(VirtualMemoryPool, IoFailuresAndDamageGiveNullNeverWrongBytes) {
         offsets.push_back(newObject(pool, 3000, i)); // about 48 KiB: still resident
 
     // A disk with room for part of one span: allocation past the budget fails.
-    const tcmalloc::VirtualMemoryIo fullDisk = {fullDiskWrite, plainRead};
+    s_fault = kFullDisk;
     s_writeAllowance = 8192;
-    pool.SetIo(&fullDisk);
+    pool.SetIo(&kSeam);
     PageItem item;
     void* address = nullptr;
     for (unsigned i = 16; i < 56 && (address = pool.Allocate(3000, item)) != nullptr; ++i) {
@@ -404,14 +393,13 @@ TEST(VirtualMemoryPool, IoFailuresAndDamageGiveNullNeverWrongBytes) {
 
     // Room again: more is made and pages out. Reads that fail, end early or bring back a
     // changed byte give null and change nothing; once reads work the bytes come back.
-    pool.SetIo(nullptr);
+    s_fault = kNoFault;
     const size_t before = offsets.size();
     for (unsigned i = 0; i < 40; ++i)
         offsets.push_back(newObject(pool, 3000, 100 + i));
     auto seedOf = [&](unsigned i) { return i < before ? i : 100 + i - before; };
-    for (auto read : {failingRead, shortRead, flippingRead}) {
-        const tcmalloc::VirtualMemoryIo bad = {plainWrite, read};
-        pool.SetIo(&bad);
+    for (Fault fault : {kFailingRead, kShortRead, kChangedRead}) {
+        s_fault = fault;
         unsigned nulls = 0;
         for (unsigned i = 0; i < offsets.size(); ++i) {
             const int got = readBack(pool, offsets[i], 3000, seedOf(i));
@@ -424,8 +412,7 @@ TEST(VirtualMemoryPool, IoFailuresAndDamageGiveNullNeverWrongBytes) {
     }
 
     // Short and interrupted transfers are carried through to the end.
-    const tcmalloc::VirtualMemoryIo choppy = {choppyWrite, choppyRead};
-    pool.SetIo(&choppy);
+    s_fault = kChoppy;
     for (unsigned round = 0; round < 2; ++round)
         for (unsigned i = 0; i < offsets.size(); ++i)
             EXPECT_EQ(readBack(pool, offsets[i], 3000, seedOf(i)), 1);
