@@ -134,28 +134,30 @@ enum SpanFlag : unsigned char {
             broken(#cond, static_cast<unsigned long long>(detail));                                \
     } while (0)
 
-// The fields that GetAddress and Dismiss read come first. The live bitmap follows the record
-// in the same allocation: one bit per slot, set while the slot holds an object.
+// A span record. The live bitmap follows it in the same allocation: one bit per slot, set
+// while the slot holds an object.
 struct Span {
-    char* memory;         // the span's bytes while resident, else null
-    unsigned char* refs;  // slot counts while resident, else null
-    unsigned firstPage;   // page numbers are 32-bit: a store spans at most 32 TiB of offsets
-    unsigned elementSize; // slot size; 0 for a span of one large object
-    unsigned slotMagic;   // ceil(2^32 / elementSize): slot = delta * slotMagic >> 32
-    unsigned pageCount;   // pages of the span
-    unsigned fileSlot;    // first file page of its copy, or kNoSlot
-    unsigned short classIndex;
-    unsigned short liveCount;       // slots holding an object (at most 512)
-    unsigned short pinCount;        // objects with a reference count above 0
-    unsigned char copy;             // CopyState
-    unsigned char flags;            // SpanFlag bits
-    unsigned scanStamp;             // tells its entry on the scan queue from stale ones
+    // Paging, the clock and the class lists.
     unsigned long long fingerprint; // of the copy in the file slot, or with kPrintTaken of the
                                     // bytes in memory
     Span* ringPrev;                 // clock ring links (resident spans only)
     Span* ringNext;
     Span* classPrev; // the class's list of spans with free slots
     Span* classNext;
+    unsigned fileSlot;  // first file page of its copy, or kNoSlot
+    unsigned scanStamp; // tells its entry on the scan queue from stale ones
+    unsigned short classIndex;
+    unsigned short liveCount; // slots holding an object (at most 512)
+    // What GetAddress and Dismiss read, last, so that it shares cache lines with the bitmap.
+    unsigned firstPage;      // page numbers are 32-bit: a store spans at most 32 TiB of offsets
+    unsigned elementSize;    // slot size; 0 for a span of one large object
+    unsigned slotMagic;      // ceil(2^32 / elementSize): slot = delta * slotMagic >> 32
+    unsigned pageCount;      // pages of the span
+    unsigned short pinCount; // objects with a reference count above 0
+    unsigned char copy;      // CopyState
+    unsigned char flags;     // SpanFlag bits
+    char* memory;            // the span's bytes while resident, else null
+    unsigned char* refs;     // slot counts while resident, else null
 
     unsigned long long* live() { return reinterpret_cast<unsigned long long*>(this + 1); }
     const unsigned long long* live() const {
@@ -169,7 +171,7 @@ struct Span {
         return static_cast<unsigned long long>(firstPage) << kPageShift;
     }
 };
-static_assert(sizeof(Span) % 8 == 0, "the live bitmap follows the record 8-byte aligned");
+static_assert(sizeof(Span) == 88, "a span record is 88 bytes and its bitmap");
 
 struct SizeClass {
     unsigned elementSize;
