@@ -116,15 +116,20 @@ public:
     void* Allocate(unsigned long long size, PageItem& item);
     // The address of the live object at `item.offset`, paged in if need be, with its count
     // raised by 1. While the count stays above 0 the address does not change. Null when the
-    // offset names no live object or the page-in fails; nothing changes then. `flag` false maps
-    // for reading only: what is written through that address may be lost at a page-out.
+    // offset names no live object, the page-in fails, or the page file gives back bytes other
+    // than those written (damage is never returned as data); nothing changes then, and a later
+    // call may succeed. `flag` true costs no write by itself: a span whose bytes did not change
+    // leaves memory without one. `flag` false maps for reading only: what is written through
+    // that address may be lost at a page-out unless Dirty is called.
     void* GetAddress(PageItem& item, bool flag);
     // Lowers the count by 1; nothing for a count of 0 or an offset that names no live object.
     void Dismiss(PageItem& item);
-    // Marks the object as changed since its span last came in.
+    // Marks the object as changed since its span last came in, so that changes made through an
+    // address mapped with flag false are kept.
     void Dirty(PageItem& item);
-    // Ends the object; its memory and page file space are reused. Nothing for an offset that
-    // names no live object.
+    // Ends the object; its memory and page file space are reused, and page file space that no
+    // object needs any more goes back to the file system. Nothing for an offset that names no
+    // live object.
     void Deallocate(PageItem& item);
     // Two calls: (null, 0, needed) sets `needed` to the record's size in bytes; (block, size,
     // needed) fills a block of at least `needed` bytes. A block smaller than the record is
@@ -138,7 +143,8 @@ public:
                                                 unsigned long long count,
                                                 unsigned long long* total);
 
-    // Replaces the page file I/O calls (null restores the POSIX ones).
+    // Replaces the page file I/O calls (null restores the POSIX ones). The POSIX calls move
+    // runs of adjacent spans in one gathered call; a replaced seam is called once per span.
     void SetIo(const VirtualMemoryIo* io);
     // Walks the whole store and aborts with a message if any of the engine's invariants is
     // broken. Costs time in proportion to the store; meant for tests.
