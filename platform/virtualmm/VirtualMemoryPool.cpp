@@ -12,8 +12,10 @@
 //   span record what the engine keeps of a span in or out of memory: about 90 bytes and one bit
 //               per slot (the live bitmap). A paged-out span costs nothing else: a 64-byte
 //               object pays under a byte for its bookkeeping.
-//   slot counts one byte per slot, only while the span is resident: the object's reference
-//               count, 255 meaning "look in the overflow table", which holds counts from 255 up.
+//   slot byte   one per slot, only while the span is resident: 0 for a free slot, else 1 plus
+//               the object's reference count; 255 means "look in the overflow table", which
+//               holds counts from 254 up. A resident span's liveness is read from its slot
+//               bytes, so the hit path does not touch the live bitmap.
 //   pinned      a span with at least one object whose reference count is above 0.
 //   clock ring  every resident span, in a circle. A hand sweeps it when room is needed: a
 //               pinned span is passed over, a span released since the hand last passed it
@@ -98,6 +100,9 @@
 #endif
 #endif
 
+// Keeps a rarely taken path out of the function that calls it.
+#define HXL_VMM_COLD __attribute__((noinline, cold))
+
 namespace tcmalloc {
 
 namespace {
@@ -109,8 +114,10 @@ const unsigned short kLargeClass = 0xFFFF;
 const unsigned kCachedBufferPages = 32;               // span buffers up to 256 KiB are recycled
 const unsigned long long kBufferCacheBytes = 2 << 20; // at most this much kept for reuse
 const unsigned long long kIoRunBytes = 256 << 10;     // eviction batch and read-ahead run
-const unsigned char kCountInTable = 0xFF;             // slot count: see the overflow table
-const unsigned kMaxCount = 0xFFFFFFFEu;               // a reference count never goes beyond
+const unsigned char kFreeSlot = 0;                    // slot byte of a slot with no object
+const unsigned char kCountZero = 1;       // slot byte of an object with count 0; count n is 1 + n
+const unsigned char kCountInTable = 0xFF; // slot byte: the count (254 or more) is in the table
+const unsigned kMaxCount = 0xFFFFFFFEu;   // a reference count never goes beyond
 
 enum CopyState : unsigned char { kCopyNone, kCopyMaybe, kCopyExact };
 enum SpanFlag : unsigned char {
@@ -293,7 +300,9 @@ private:
                 return nullptr;
             slot = index;
         }
-        return span->isLive(slot) ? span : nullptr;
+        const bool live =
+            span->refs != nullptr ? span->refs[slot] != kFreeSlot : span->isLive(slot);
+        return live ? span : nullptr;
     }
 
     static unsigned long long slotOffset(const Span* span, unsigned slot) {
@@ -310,17 +319,21 @@ private:
 
     Span* newSpan(unsigned short classIndex, unsigned pages);
     void releaseSpan(Span* span);
-    bool makeRoom(unsigned long long incoming);
+    HXL_VMM_COLD bool makeRoom(unsigned long long incoming);
     bool chooseVictim(Span* span);
     bool flushBatch();
     void evict(Span* span);
     void queueForScan(Span* span);
-    bool pageIn(Span* span);
+    HXL_VMM_COLD bool pageIn(Span* span);
     void giveFileSlot(Span* span);
-    bool pin(Span* span, unsigned slot);
-    void unpin(Span* span, unsigned slot);
+    // The hit path: pin and unpin are inlined; what they seldom need is kept out of line, so
+    // that the fast path needs few registers.
+    inline bool pin(Span* span, unsigned slot);
+    inline void unpin(Span* span, unsigned slot);
+    HXL_VMM_COLD bool pinInTable(Span* span, unsigned slot);
+    HXL_VMM_COLD void unpinInTable(Span* span, unsigned slot);
     void spanUnpinned(Span* span);
-    void takePrint(Span* span);
+    HXL_VMM_COLD void takePrint(Span* span);
     void ringInsert(Span* span);
     void ringRemove(Span* span);
     char* takeBuffer(unsigned pages, bool& recycled);
@@ -708,7 +721,8 @@ bool VirtualMemoryPool::Engine::pageIn(Span* span) {
                 dropBuffer(memory, member->pageCount);
             break;
         }
-        std::memset(refs, 0, slotCount(member));
+        for (unsigned slot = 0; slot < slotCount(member); ++slot)
+            refs[slot] = member->isLive(slot) ? kCountZero : kFreeSlot;
         member->refs = refs;
         m_pieces.push_back({memory, member->bytes()});
     }
@@ -828,15 +842,15 @@ void VirtualMemoryPool::Engine::nonFullRemove(Span* span) {
 
 unsigned VirtualMemoryPool::Engine::countOf(const Span* span, unsigned slot) const {
     const unsigned char count = span->refs[slot];
-    return count == kCountInTable ? m_bigCounts.at(slotOffset(span, slot)) : count;
+    return count == kCountInTable ? m_bigCounts.at(slotOffset(span, slot)) : count - kCountZero;
 }
 
 // Raises the object's count by 1; false, with nothing changed, when it is at its largest or
 // the overflow table cannot grow.
 bool VirtualMemoryPool::Engine::pin(Span* span, unsigned slot) {
     unsigned char& count = span->refs[slot];
-    if (count == 0) {
-        count = 1;
+    if (count == kCountZero) {
+        count = kCountZero + 1;
         ++m_outstanding;
         if (span->pinCount++ == 0) {
             --m_unpinnedResident;
@@ -849,6 +863,12 @@ bool VirtualMemoryPool::Engine::pin(Span* span, unsigned slot) {
         ++count;
         return true;
     }
+    return pinInTable(span, slot);
+}
+
+// Counts from 255 up live in the overflow table.
+bool VirtualMemoryPool::Engine::pinInTable(Span* span, unsigned slot) {
+    unsigned char& count = span->refs[slot];
     const unsigned long long offset = slotOffset(span, slot);
     if (count == kCountInTable) {
         unsigned& big = m_bigCounts.find(offset)->second;
@@ -858,7 +878,7 @@ bool VirtualMemoryPool::Engine::pin(Span* span, unsigned slot) {
         return true;
     }
     try {
-        m_bigCounts.emplace(offset, kCountInTable);
+        m_bigCounts.emplace(offset, kCountInTable - kCountZero);
     } catch (const std::bad_alloc&) {
         return false;
     }
@@ -869,17 +889,21 @@ bool VirtualMemoryPool::Engine::pin(Span* span, unsigned slot) {
 void VirtualMemoryPool::Engine::unpin(Span* span, unsigned slot) {
     unsigned char& count = span->refs[slot];
     if (count == kCountInTable) {
-        auto it = m_bigCounts.find(slotOffset(span, slot));
-        if (--it->second == kCountInTable - 1) {
-            m_bigCounts.erase(it);
-            count = kCountInTable - 1;
-        }
+        unpinInTable(span, slot);
         return;
     }
-    if (--count == 0) {
+    if (--count == kCountZero) {
         --m_outstanding;
         if (--span->pinCount == 0)
             spanUnpinned(span);
+    }
+}
+
+void VirtualMemoryPool::Engine::unpinInTable(Span* span, unsigned slot) {
+    auto it = m_bigCounts.find(slotOffset(span, slot));
+    if (--it->second == kCountInTable - kCountZero - 1) {
+        m_bigCounts.erase(it);
+        span->refs[slot] = kCountInTable - 1;
     }
 }
 
@@ -958,6 +982,7 @@ void* VirtualMemoryPool::Engine::allocate(unsigned long long size, PageItem& ite
     span->live()[slot >> 6] |= 1ULL << (slot & 63);
     ++span->liveCount;
     ++m_objectsCurrent;
+    span->refs[slot] = kCountZero;
     pin(span, slot); // from 0 to 1: cannot fail
     span->flags &= static_cast<unsigned char>(~kPrintTaken);
     if (span->copy == kCopyExact)
@@ -987,7 +1012,7 @@ void* VirtualMemoryPool::Engine::getAddress(unsigned long long offset, bool forW
 void VirtualMemoryPool::Engine::dismiss(unsigned long long offset) {
     unsigned slot;
     Span* span = find(offset, slot);
-    if (span == nullptr || span->memory == nullptr || span->refs[slot] == 0)
+    if (span == nullptr || span->refs == nullptr || span->refs[slot] == kCountZero)
         return;
     unpin(span, slot);
 }
@@ -1008,10 +1033,9 @@ void VirtualMemoryPool::Engine::deallocate(unsigned long long offset) {
     if (span == nullptr)
         return;
     bool unpinnedNow = false;
-    if (span->memory != nullptr && span->refs[slot] > 0) {
+    if (span->refs != nullptr && span->refs[slot] > kCountZero) {
         if (span->refs[slot] == kCountInTable)
             m_bigCounts.erase(slotOffset(span, slot));
-        span->refs[slot] = 0;
         --m_outstanding;
         if (--span->pinCount == 0) {
             ++m_unpinnedResident;
@@ -1019,6 +1043,8 @@ void VirtualMemoryPool::Engine::deallocate(unsigned long long offset) {
             unpinnedNow = true;
         }
     }
+    if (span->refs != nullptr)
+        span->refs[slot] = kFreeSlot;
     span->live()[slot >> 6] &= ~(1ULL << (slot & 63));
     --span->liveCount;
     --m_objectsCurrent;
@@ -1126,11 +1152,12 @@ void VirtualMemoryPool::Engine::checkSpan(const Span* span) const {
     if (span->memory != nullptr) {
         VMM_CHECK(span->refs != nullptr, span->firstPage);
         for (unsigned slot = 0; slot < slots; ++slot) {
-            VMM_CHECK(span->isLive(slot) || span->refs[slot] == 0, slotOffset(span, slot));
+            VMM_CHECK(span->isLive(slot) == (span->refs[slot] != kFreeSlot),
+                      slotOffset(span, slot));
             VMM_CHECK(span->refs[slot] != kCountInTable ||
                           m_bigCounts.count(slotOffset(span, slot)) == 1,
                       slotOffset(span, slot));
-            pinned += span->refs[slot] > 0;
+            pinned += span->refs[slot] > kCountZero;
         }
     } else { // rule 9
         VMM_CHECK(span->refs == nullptr && span->ringNext == nullptr, span->firstPage);
@@ -1161,7 +1188,7 @@ void VirtualMemoryPool::Engine::verify() const {
         if (span->memory != nullptr) {
             resident += span->bytes();
             for (unsigned slot = 0; slot < slotCount(span); ++slot) {
-                outstanding += span->refs[slot] > 0;
+                outstanding += span->refs[slot] > kCountZero;
                 bigCounts += span->refs[slot] == kCountInTable;
             }
         }
