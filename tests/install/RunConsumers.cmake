@@ -1,6 +1,10 @@
 # Puts the build tree into a scratch prefix, checks that the headers there are the interface and
 # nothing else, then builds and runs two consumers against it: one with
 # find_package(HXLVirtualMemMgmt CONFIG), one with pkg-config.
+#
+# The prefix comes from `cmake --install`, or with PACKAGE set from the Debian package: cpack
+# makes it, its control fields are checked, and `dpkg-deb -x` unpacks it into a scratch root
+# whose usr/ is the prefix.
 file(REMOVE_RECURSE ${WORK_DIR})
 
 function(run)
@@ -11,8 +15,47 @@ function(run)
   message(STATUS "${out}")
 endfunction()
 
-run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${WORK_DIR}/prefix)
-set(prefix ${WORK_DIR}/prefix)
+function(field deb name out)
+  execute_process(COMMAND ${DPKG_DEB} -f ${deb} ${name} OUTPUT_VARIABLE value
+                  OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+  set(${out} "${value}" PARENT_SCOPE)
+endfunction()
+
+if(PACKAGE)
+  run(${CPACK} -G DEB --config ${BUILD_DIR}/CPackConfig.cmake -B ${WORK_DIR}/package)
+  execute_process(COMMAND dpkg --print-architecture OUTPUT_VARIABLE arch
+                  OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+  set(deb ${WORK_DIR}/package/hxlvirtualmemmgmt_${VERSION}_${arch}.deb)
+  if(NOT EXISTS ${deb})
+    file(GLOB made ${WORK_DIR}/package/*.deb)
+    message(FATAL_ERROR "no ${deb}; cpack made: ${made}")
+  endif()
+  field(${deb} Package package)
+  field(${deb} Version version)
+  field(${deb} Depends depends)
+  if(NOT package STREQUAL "hxlvirtualmemmgmt" OR NOT version STREQUAL VERSION)
+    message(FATAL_ERROR "control names ${package} ${version}")
+  endif()
+  foreach(dependency zlib1g libstdc\\+\\+6)
+    if(NOT depends MATCHES "(^|, )${dependency}( |,|$)")
+      message(FATAL_ERROR "Depends lacks ${dependency}: ${depends}")
+    endif()
+  endforeach()
+  # Everything lies under /usr.
+  execute_process(COMMAND ${DPKG_DEB} -c ${deb} OUTPUT_VARIABLE listing COMMAND_ERROR_IS_FATAL ANY)
+  string(REGEX REPLACE "\n$" "" listing "${listing}")
+  string(REPLACE "\n" ";" listing "${listing}")
+  foreach(entry IN LISTS listing)
+    if(NOT entry MATCHES "^[^ ]+ +[^ ]+ +[^ ]+ +[^ ]+ +[^ ]+ +\\./(usr/[^ ]*)?( -> .*)?$")
+      message(FATAL_ERROR "outside /usr: ${entry}")
+    endif()
+  endforeach()
+  run(${DPKG_DEB} -x ${deb} ${WORK_DIR}/root)
+  set(prefix ${WORK_DIR}/root/usr)
+else()
+  run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${WORK_DIR}/prefix)
+  set(prefix ${WORK_DIR}/prefix)
+endif()
 
 set(flags "")
 if(SANITIZE)
