@@ -8,9 +8,44 @@ install(TARGETS HXLCore tcmalloc_virtualmm ZOJStreams HXLVirtualMemMgmt
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
         RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 
-# Users include every header by its bare name from one folder.
-file(GLOB HXL_CONTRACT_HEADERS ${PROJECT_SOURCE_DIR}/contracts/*.h)
-install(FILES ${HXL_CONTRACT_HEADERS} ${HXL_HEADERS} DESTINATION ${HXL_INSTALL_INCLUDEDIR})
+# The interface: the headers users include (by bare name, from one folder) and the API
+# reference covers. Paths below the source folder.
+set(HXL_PUBLIC_HEADERS
+    contracts/HXLCore.h
+    contracts/VirtualMemoryPool.h
+    contracts/ZOJStreams.h
+    vmm/HXLVirtualMemMgmtVersion.h
+    vmm/HXLVirtualMemoryMgr.h
+    vmm/HXLVirtualPageItem.h
+    vmm/HXLVirtualPageItemPool.h
+    nodes/HXLVirtualContainer.h
+    nodes/HXLVirtualNodeClass.h
+    nodes/HXLVirtualPersistNode.h
+    nodes/HXLVirtualTree.h
+    nodes/HXLVirtualTreeNode.h
+    strings/HXLVirtualI18NString.h
+    strings/HXLVirtualUTF8String.h
+    file/HXLVirtualFile.h
+    heap/HXLFixedMemoryPool.h
+    heap/HXLMemoryArena.h
+    heap/HXLMemoryPool.h)
+# Headers that only the library's own sources include. Their first comment says "Not part of
+# the interface", which the install test looks for.
+set(HXL_INTERNAL_HEADERS strings/HXLVirtualStringPayload.h)
+
+# Every header is one or the other: a new one has to be placed before the build configures.
+file(GLOB HXL_CONTRACT_HEADERS CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/contracts/*.h)
+foreach(header IN LISTS HXL_CONTRACT_HEADERS HXL_HEADERS)
+  file(RELATIVE_PATH header ${PROJECT_SOURCE_DIR} ${header})
+  if(NOT header IN_LIST HXL_PUBLIC_HEADERS AND NOT header IN_LIST HXL_INTERNAL_HEADERS)
+    message(FATAL_ERROR "${header} is neither public nor internal: add it to "
+                        "HXL_PUBLIC_HEADERS or HXL_INTERNAL_HEADERS in cmake/Install.cmake")
+  endif()
+endforeach()
+
+list(TRANSFORM HXL_PUBLIC_HEADERS PREPEND ${PROJECT_SOURCE_DIR}/
+     OUTPUT_VARIABLE HXL_PUBLIC_HEADER_PATHS)
+install(FILES ${HXL_PUBLIC_HEADER_PATHS} DESTINATION ${HXL_INSTALL_INCLUDEDIR})
 
 install(EXPORT HXLVirtualMemMgmtTargets NAMESPACE HXLVirtualMemMgmt::
         DESTINATION ${HXL_CMAKE_DIR})

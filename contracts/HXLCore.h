@@ -2,7 +2,8 @@
 // internal string form and its buffer, CRC-32, the temporary directory and a POSIX file.
 //
 // Everything here is usable from any thread; each object serves one thread at a time unless
-// its comment says otherwise.
+// its comment says otherwise. Nothing here touches a store: no class of this file takes a
+// reference, and nothing of theirs pages out.
 #ifndef HXLCORE_H
 #define HXLCORE_H
 
@@ -20,7 +21,9 @@
 // A place in the source: a file name (a static string, not copied) and a line.
 class HXLFileLocation {
 public:
+    // The place: `file` must outlive the object (HXL_HERE gives __FILE__).
     HXLFileLocation(const char* file, int line) : m_file(file), m_line(line) {}
+    // The file name and the line, as given.
     const char* getFile() const { return m_file; }
     int getLine() const { return m_line; }
 
@@ -29,11 +32,14 @@ private:
     int m_line;
 };
 
+// The location of the line where it stands.
 #define HXL_HERE HXLFileLocation(__FILE__, __LINE__)
 
 // One frame of an exception's way out: where it was thrown or passed on, the function name
 // given there (empty when none) and the macro that added the frame.
 struct HXLBackTraceFrame {
+    // The source file, the line, the function name (may be empty) and "HXL_THROW",
+    // "HXL_RETHROW" or the guard's macro.
     std::string file;
     int line;
     std::string function;
@@ -43,13 +49,19 @@ struct HXLBackTraceFrame {
 // Base of every exception the library throws. what() and getText() give the text the object
 // was built with; getBackTrace() lists the frames in the order they were added (the throw
 // site first, then one per HXL_RETHROW or translation guard on the way out).
+//
+// Exceptions: only copying (the text and the frames) may throw std::bad_alloc.
 class HXLThrowable : public std::exception {
 public:
+    // An exception with `text` (copied) and no frame yet.
     explicit HXLThrowable(const char* text);
+    // Copies text and frames.
     HXLThrowable(const HXLThrowable&) = default;
     HXLThrowable& operator=(const HXLThrowable&) = default;
     ~HXLThrowable() override;
 
+    // what() and getText(): the text the object was built with. getBackTrace(): the frames,
+    // throw site first.
     const char* what() const noexcept override;
     const char* getText() const;
     const std::vector<HXLBackTraceFrame>& getBackTrace() const;
@@ -69,6 +81,7 @@ private:
 // A failed HXL_ASSERT or HXL_ASSERT_NAMED; the text is the macro call as written.
 class HXLAssertError : public HXLThrowable {
 public:
+    // `code` is accepted and ignored; `text` is the exception's text.
     HXLAssertError(int code, const char* text);
     [[noreturn]] void hurl(const HXLFileLocation& location, const char* function,
                            const char* macro) override;
@@ -77,6 +90,7 @@ public:
 // An operation called in a state that does not allow it.
 class HXLIllegalStateError : public HXLThrowable {
 public:
+    // `code` is accepted and ignored; `text` is the exception's text.
     HXLIllegalStateError(int code, const char* text);
     [[noreturn]] void hurl(const HXLFileLocation& location, const char* function,
                            const char* macro) override;
@@ -85,6 +99,7 @@ public:
 // Memory or store space ran out. A null text gives "Out of memory".
 class HXLOutOfMemoryError : public HXLThrowable {
 public:
+    // `code` is accepted and ignored; `text` is the exception's text, null for the fixed one.
     HXLOutOfMemoryError(int code, const char* text);
     [[noreturn]] void hurl(const HXLFileLocation& location, const char* function,
                            const char* macro) override;
@@ -93,6 +108,7 @@ public:
 // A standard exception caught by the translation guard; the text is e.what().
 class HXLStdExceptionError : public HXLThrowable {
 public:
+    // Takes the text of `e`.
     explicit HXLStdExceptionError(const std::exception& e);
     [[noreturn]] void hurl(const HXLFileLocation& location, const char* function,
                            const char* macro) override;
@@ -144,6 +160,7 @@ template <class E>
 // HXLOutOfMemoryError; any other std::exception becomes HXLStdExceptionError. The location
 // (may be NULL) is the function name of the frame of a translated exception.
 #define HXL_TRY try
+// The handlers that close HXL_TRY, as described above.
 #define HXL_TRANSLATE(location)                                                                    \
     catch (HXLThrowable & hxlCaught) {                                                             \
         HXL_RETHROW(hxlCaught);                                                                    \
@@ -165,6 +182,7 @@ template <class E>
 class HXLThreadLockableResource {
 public:
     virtual ~HXLThreadLockableResource();
+    // Take and give back the resource; unlock only by the thread that holds it.
     virtual void lock() = 0;
     virtual void unlock() = 0;
 };
@@ -173,6 +191,7 @@ public:
 // reserved (pass 0).
 class HXLThreadCriticalSection : public HXLThreadLockableResource {
 public:
+    // Unlocked.
     explicit HXLThreadCriticalSection(int reserved = 0);
     ~HXLThreadCriticalSection() override;
     HXLThreadCriticalSection(const HXLThreadCriticalSection&) = delete;
@@ -187,6 +206,7 @@ private:
 // Holds a lockable resource from construction to destruction.
 class HXLThreadGuard {
 public:
+    // Locks `resource`, which must outlive the guard; the destructor unlocks it.
     explicit HXLThreadGuard(HXLThreadLockableResource& resource);
     ~HXLThreadGuard();
     HXLThreadGuard(const HXLThreadGuard&) = delete;
@@ -205,6 +225,8 @@ private:
 typedef char* (*conv)(void*, char*, int, int*);
 
 // Text kept as UTF-16 code units in the machine's byte order (the internal form).
+//
+// Exceptions: calls that build or copy text may throw std::bad_alloc; nothing else throws.
 class I18NString {
 public:
     I18NString();
@@ -216,12 +238,14 @@ public:
     // From `size` bytes of the internal form, as getExternalBuffer() and size() expose them.
     // A null buffer or a negative size gives the empty string; an odd last byte is dropped.
     I18NString(const void* buffer, int size, conv converter, void* context);
+    // Copies and moves; a moved-from string is empty.
     I18NString(const I18NString& other);
     I18NString(I18NString&& other) noexcept;
     I18NString& operator=(const I18NString& other);
     I18NString& operator=(I18NString&& other) noexcept;
     ~I18NString();
 
+    // True for the empty string.
     bool empty() const;
 
     // UTF-8 (for a null or UTF-8 encoding) or Latin-1 (unrepresentable characters become
@@ -234,6 +258,7 @@ public:
     int size() const;
     const void* getExternalBuffer() const;
 
+    // Equal when the UTF-16 units are equal.
     bool operator==(const I18NString& other) const;
     bool operator!=(const I18NString& other) const { return !(*this == other); }
 
@@ -247,8 +272,11 @@ private:
 class HXLI18NBuffer {
 public:
     HXLI18NBuffer();
+    // Holds a copy of `value`.
     HXLI18NBuffer& operator=(const I18NString& value);
+    // A copy of the held string; the empty string when empty.
     I18NString getString() const;
+    // Drops the held string.
     void clear();
     // 1 while the held string is empty, else 0.
     int empty() const;
@@ -261,6 +289,7 @@ private:
 // Utilities
 // ---------------------------------------------------------------------------------------------
 
+// Checksums.
 class HXLUtCrc32 {
 public:
     // The standard CRC-32 (ISO-HDLC, as zlib and gzip compute it) of `length` bytes, continued
@@ -268,6 +297,7 @@ public:
     static unsigned int crc32(unsigned int seed, const unsigned char* data, size_t length);
 };
 
+// Directories of the file system.
 class HXLFmDir {
 public:
     // The temporary directory: $TMPDIR when it names a directory, else "/tmp". Returns 1.
@@ -279,8 +309,11 @@ public:
 // success leaves the last error as it was. No operation throws.
 class HXLFmFile {
 public:
+    // Where seek counts from: the start, the position, the end.
     enum seekorigin : int { eSeekBegin = 0, eSeekCurrent = 1, eSeekEnd = 2 };
+    // The standard streams open(stdiotypes) binds to.
     enum stdiotypes : int { eStdIn = 0, eStdOut = 1, eStdErr = 2 };
+    // How open(path) treats an existing or missing file.
     enum createmode : int {
         eOpenExisting = 0, // read and write an existing file
         eOpenReadOnly = 1, // read an existing file
@@ -322,6 +355,7 @@ public:
     virtual int flush();
     // Sets the size to `length` bytes; the position is unchanged. Returns 1, or 0.
     virtual int truncate(int length);
+    // The errno of the last failure (0 before any) and its text.
     virtual unsigned int getLastErrorNumber();
     virtual I18NString getLastErrorMessage();
 

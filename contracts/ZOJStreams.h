@@ -3,11 +3,14 @@
 #define ZOJSTREAMS_H
 
 // A sink of bytes. Derived classes implement write; flush and close do nothing here.
+//
+// Exceptions: whatever the derived class's operations throw.
 class ZOJOutputStream {
 public:
     virtual ~ZOJOutputStream();
     // Takes `count` bytes at `data`.
     virtual void write(const char* data, unsigned long long count) = 0;
+    // Pass on what is held back, and end the stream; both do nothing here.
     virtual void flush();
     virtual void close();
 };
@@ -15,11 +18,16 @@ public:
 // Deflates what it is given into one gzip member (RFC 1952) per life, from the first write to
 // finish(), and passes the compressed bytes to the chained stream in pieces below 0x80000000
 // bytes. It never owns or deletes the chained stream and never calls its flush or close.
+//
+// Exceptions: standard ones only. Construction throws std::bad_alloc or std::runtime_error
+// when zlib cannot start; write, flush and finish throw std::logic_error without a chained
+// stream, std::runtime_error when zlib fails, and pass on what the chained stream throws.
 class ZOJGZIPOutputStream : public ZOJOutputStream {
 public:
     // The zlib level used when none is given: 6, zlib's own default.
     static constexpr int kDefaultLevel = 6;
 
+    // Compresses at kDefaultLevel.
     ZOJGZIPOutputStream();
     // `level` 0 (store) to 9 (best); other values throw std::invalid_argument.
     explicit ZOJGZIPOutputStream(int level);

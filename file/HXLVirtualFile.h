@@ -24,6 +24,17 @@ class HXLVirtualMemoryMgr;
 //
 // The file never frees a block: an owned manager takes them with it, a borrowed manager keeps
 // them until it ends. One thread at a time.
+//
+// References: the caller holds none. The file holds at most one, on the page at the position,
+// from a transfer that stops inside that page until the position leaves it, close or reset.
+//
+// Paging: every page but that one may leave memory between calls.
+//
+// Exceptions: read, write, close and reset throw what the manager throws when a page cannot be
+// allocated (HXLOutOfMemoryError); write, close and reset also pass on what the compressor
+// throws; open with a budget throws HXLOutOfMemoryError when the store cannot be made. The
+// operations inherited from HXLFmFile report failures by their results; the destructor lets
+// nothing out.
 class HXLVirtualFile : public HXLFmFile {
 public:
     // The sink through which the compressor hands its output to the file's writeImpl. It lives

@@ -20,12 +20,21 @@
 #ifndef HXLFIXEDMEMORYPOOL_H
 #define HXLFIXEDMEMORYPOOL_H
 
+// Elements of one size on the process heap, with optional headers and overwrite detection.
+// Not tied to the store: no references, nothing pages out. An element is the caller's from
+// alloc to free; the destructor releases every chunk.
+//
+// Exceptions: the constructor throws HXLAssertError for an element that does not fit a chunk;
+// a damaged header throws HXLAssertError (or aborts, with the abort flag set) from the calls
+// that test headers; alloc and grow throw HXLOutOfMemoryError when operator new fails. Running
+// out of elements is a null alloc.
 class HXLFixedMemoryPool {
 public:
     // The layout of a chunk. Chunks are raw blocks from operator new(32768); this struct only
     // names their parts.
     struct Chunk {
         static constexpr unsigned int size = 0x7FF0; // bytes of the element area
+        // Element k at k * the pool's stride.
         unsigned char m_elements[size];
         Chunk* m_next; // next chunk of the pool's list (newest first); null in the last
         void* m_free;  // header mode: caller's pointer of the first free element, or null
@@ -40,6 +49,7 @@ public:
         unsigned char m_filler3;      // always kFiller
     };
 
+    // Bytes of a chunk, and the value of every header's m_filler3.
     static constexpr unsigned int kChunkBytes = 0x8000;
     static constexpr unsigned char kFiller = 0x0E;
 

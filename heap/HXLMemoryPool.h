@@ -19,13 +19,22 @@
 
 #include <vector>
 
+// Blocks of any size cut out of large heap blocks under a byte budget (next fit). Not tied to
+// the store: no references, nothing pages out. A block is the caller's from alloc to free;
+// memory goes back to the heap with the pool.
+//
+// Exceptions: free throws HXLAssertError for null; alloc throws std::bad_alloc only when a new
+// heap block cannot be recorded. Running out of budget or heap is a null alloc.
 class HXLMemoryPool {
 public:
+    // The header in front of every block (see the glossary of this file).
     union memheader {
+        // The header's two fields.
         struct {
             memheader* next;          // free: next block of the free list; handed out: null
             unsigned long long units; // size in 16-byte units, this header included
         } s;
+        // The header as one unit of bytes, which sets its size and alignment.
         alignas(16) unsigned char unit[16];
     };
 

@@ -21,6 +21,15 @@ typedef HXLVirtualPersistNode* (*NodeCreator)(HXLVirtualContainer*);
 //
 // No operation takes a lock: register every creator before other threads use the container,
 // and serialise calls on the store as the manager requires.
+//
+// References: createNode and getNode give a node with one reference held, given back once by
+// the node's dismiss() or the container's dismiss; the manager's operations follow its rule.
+//
+// Paging: a node that nobody holds may leave memory; it is reached again by its offset.
+//
+// Exceptions: the constructors that build a manager throw HXLOutOfMemoryError when it cannot
+// be made; createNode throws HXLOutOfMemoryError when the creator gives null and passes on what
+// the creator throws; alloc throws as the manager's does. The others throw nothing.
 class HXLVirtualContainer {
 public:
     // Builds and owns a manager made as HXLVirtualMemoryMgr(a, b, c): `a` is the resident

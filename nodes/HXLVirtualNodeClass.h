@@ -44,6 +44,7 @@
 
 #include <atomic>
 
+// Makes ClassName a stored node class, as described at the top of this file.
 #define HXL_VIRTUAL_NODE_CLASS(ClassName)                                                          \
 public:                                                                                            \
     static unsigned int getClassId() {                                                             \

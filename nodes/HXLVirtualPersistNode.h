@@ -20,8 +20,17 @@
 // offsets), and its destructor is not run when the store goes away. The image is good only in
 // the process that made it.
 //
-// A node address is good from the getNode (or create) that gave it to the matching dismiss;
-// in between the block may leave memory. A node serves one thread at a time.
+// A node serves one thread at a time.
+//
+// References: a node address is good from the getNode (or create) that gave it to the one
+// dismiss that answers it.
+//
+// Paging: while nobody holds the node its block may leave memory; it comes back, perhaps at
+// another address, through getNode with its offset. Nothing runs on the way out or in.
+//
+// Exceptions: create throws HXLAssertError without a container or manager, HXLOutOfMemoryError
+// when the store is full, and passes on what onInit throws; dismiss throws HXLAssertError
+// without a container or manager (so after destroy). The others throw nothing.
 //
 // Applications declare their own classes with HXL_VIRTUAL_NODE_CLASS (HXLVirtualNodeClass.h).
 class HXLVirtualPersistNode {
@@ -60,6 +69,8 @@ public:
     // getNode. The base does nothing.
     virtual void onInit();
 
+    // The store offset of the node's block (kInvalidOffset for a tree's root) and the node's
+    // container, as create sets them.
     unsigned long long getPageOffset() const { return m_pageOffset; }
     void setPageOffset(unsigned long long pageOffset) { m_pageOffset = pageOffset; }
     HXLVirtualContainer* getContainer() const { return m_container; }
@@ -95,6 +106,7 @@ protected:
     static HXLVirtualPersistNode* completeNode(HXLVirtualPersistNode* node,
                                                const HXLVirtualPageItem& item,
                                                HXLVirtualContainer* container);
+    // create for class T: the block, T's default constructor in it, then completeNode.
     template <class T> static HXLVirtualPersistNode* createInStore(HXLVirtualContainer* container) {
         HXLVirtualPageItem item;
         void* block = allocateNodeBlock(container, static_cast<unsigned int>(sizeof(T)), item);
@@ -103,6 +115,7 @@ protected:
         return completeNode(new (block) T(), item, container);
     }
 
+    // The image's fields at bytes 8 and 16; see the class.
     unsigned long long m_pageOffset;
     HXLVirtualContainer* m_container;
 

@@ -9,6 +9,13 @@
 // A container with a root. The root is an HXLVirtualTreeNode on the process heap with the page
 // offset kInvalidOffset: it is never paged, needs no reference, and lives exactly as long as
 // the tree. Applications attach stored nodes to it; its children link to it by address.
+//
+// References and paging: as for any container and its nodes; the root takes no reference and
+// never pages out.
+//
+// Exceptions: the constructors throw as the container's, HXLOutOfMemoryError when the root
+// cannot be made, and pass on what the root's onInit throws; dumpTree passes on what the stream
+// and the nodes' dump throw.
 class HXLVirtualTree : public HXLVirtualContainer {
 public:
     // The container's constructors, each followed by the root (whose onInit runs). If the

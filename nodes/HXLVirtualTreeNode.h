@@ -27,6 +27,13 @@
 // block), given back with dismiss(). Editing operations require the caller to hold references
 // on `this` and on every node passed, and leave the store's references as they found them.
 // One thread works on a tree at a time.
+//
+// Paging: a node that nobody holds may leave memory; its links are offsets, so nothing else
+// changes and navigation maps it back.
+//
+// Exceptions: the editing operations throw HXLAssertError for a null node, before anything
+// changes; getNextSibling(1), getPreviousSibling(1) and dismiss() throw HXLAssertError on a
+// node without a container or manager. Navigation gives null for a node it cannot map.
 class HXLVirtualTreeNode : public HXLVirtualPersistNode {
 public:
     // All links and the count word 0: a node in no tree.
@@ -57,6 +64,7 @@ public:
             dismiss();
         return next;
     }
+    // The same towards the first child.
     HXLVirtualTreeNode* getPreviousSibling(int dismissSelf) {
         HXLVirtualTreeNode* previous = nodeAt(m_previousSibling);
         if (dismissSelf != 0)

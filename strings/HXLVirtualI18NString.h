@@ -15,6 +15,11 @@ class HXLVirtualMemoryMgr;
 // container on every call; a null store makes each operation a quiet no-op; the block belongs
 // to the holder and is never freed here; every operation gives back the references it takes.
 // Usable as a member of a stored node. One thread at a time.
+//
+// Paging: the payload is an ordinary block; between calls it may leave memory.
+//
+// Exceptions: setString throws HXLOutOfMemoryError (with a back-trace frame) when the store
+// cannot allocate; the others throw nothing from the store.
 class HXLVirtualI18NString : public HXLVirtualPageItem {
 public:
     // Empty: no payload.

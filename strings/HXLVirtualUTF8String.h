@@ -20,6 +20,12 @@ class HXLVirtualMemoryMgr;
 // included; HXLVirtualMemoryMgr::free with the string as page item gives it back. Each
 // operation gives back every reference it takes, except getObjectPtr. Usable as a member of a
 // stored node. One thread at a time.
+//
+// Paging: the payload is an ordinary block; between calls (and after getObjectPtr's dismiss)
+// it may leave memory.
+//
+// Exceptions: setString throws HXLOutOfMemoryError (with a back-trace frame) when the store
+// cannot allocate; the others throw nothing from the store.
 class HXLVirtualUTF8String : public HXLVirtualPageItem {
 public:
     // Empty: no payload.

@@ -16,6 +16,20 @@ class HXLVirtualMapper;
 // The one door to the paged store. It owns the paging engine and the page item pool; objects
 // are named by page items and mapped to addresses between a getAddress (or alloc) and the
 // matching dismiss. The manager takes no lock: callers serialise calls on one store.
+//
+// References: each address from alloc or getAddress holds one reference on its object and is
+// good until the one dismiss that answers it. allocUsingPool leaves none held; free ends the
+// object, and its addresses with it.
+//
+// Paging: an object that nobody holds may leave memory at any later call and come back, perhaps
+// at another address, with the same bytes; a held object stays where it is. At most the budget
+// of unheld objects stays in memory.
+//
+// Exceptions: the constructors throw HXLOutOfMemoryError when the store cannot be made; alloc
+// and allocUsingPool throw it when the store gives no address (alloc throws HXLAssertError when
+// a growing object's old bytes cannot be mapped back); throwExceptionOnReferenceLeak throws
+// HXLIllegalStateError; dumpMapper throws HXLOutOfMemoryError and what the stream throws. The
+// other calls throw nothing: a failure is a null address or no effect.
 class HXLVirtualMemoryMgr {
 public:
     // Accepted and ignored: every store has one mapping mode.

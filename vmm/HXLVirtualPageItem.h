@@ -4,10 +4,17 @@
 // The handle of one object in the store: an offset and a size, a plain value that owns
 // nothing. Offset 0: the item is empty. kInvalidOffset: the item names no object, yet is not
 // empty. Any other offset names a live object, as the store reported it.
+//
+// References: none. An item takes no reference and copying or dropping one changes nothing in
+// the store; the object it names may page out and in while the item stays valid.
+//
+// Exceptions: none.
 class HXLVirtualPageItem {
 public:
+    // The offset of an item that names no object.
     static constexpr unsigned long long kInvalidOffset = 0xFFFFFFFFFFFFFFFFULL;
 
+    // An empty item, or one with the given offset and size in bytes.
     HXLVirtualPageItem() : m_offset(0), m_size(0) {}
     HXLVirtualPageItem(unsigned long long offset, unsigned int size)
         : m_offset(offset), m_size(size) {}
@@ -21,11 +28,14 @@ public:
         m_size = 0;
     }
 
+    // The offset: 0 empty, kInvalidOffset no object, else a live object's.
     unsigned long long getOffset() const { return m_offset; }
     void setOffset(unsigned long long offset) { m_offset = offset; }
+    // The object's size in bytes, as alloc last set it.
     unsigned int getSize() const { return m_size; }
     void setSize(unsigned int size) { m_size = size; }
 
+    // kInvalidOffset.
     static unsigned long long getInvalidOffset() { return kInvalidOffset; }
 
 protected:

@@ -14,6 +14,11 @@ class HXLVirtualMemoryMgr;
 // never maps a store object. The pool holds no reference on any object and never frees one.
 // Entries are evicted least recently used first.
 //
+// References: none held, none left behind; a remembered object may page out like any other.
+//
+// Exceptions: set throws HXLOutOfMemoryError when the manager's alloc or the copy of the key
+// fails, and std::bad_alloc when the index cannot grow. Nothing else throws.
+//
 // Invariants: m_entries and m_lru hold the same entries; an entry's key in both shares the one
 // heap copy of the bytes, which the list's entry frees; list positions stay valid when a node
 // moves inside the list, so a move never touches m_entries.
@@ -22,12 +27,14 @@ public:
     // A key: `m_size` bytes at `m_data` (a heap copy owned by the pool, or the caller's block
     // during a lookup).
     struct PoolEntry {
+        // The bytes and their count.
         const void* m_data;
         unsigned int m_size;
     };
 
     // Orders keys by size first, then by their bytes compared as unsigned chars.
     struct cmp_void {
+        // True when `a` comes before `b`.
         bool operator()(const PoolEntry& a, const PoolEntry& b) const;
     };
 
