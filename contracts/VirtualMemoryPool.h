@@ -12,6 +12,7 @@ namespace tcmalloc {
 // The name of one object of the store. The caller fills `offset` before each call, except
 // Allocate, which fills it. 0 and 0xFFFFFFFFFFFFFFFF never name an object.
 struct PageItem {
+    // The object's offset.
     unsigned long long offset;
 };
 
@@ -46,6 +47,7 @@ struct VirtualMemoryStats {
     char pageFileName[260];               // 108: the page file's path, NUL-terminated; "" if none
     VirtualMemoryFixedPoolStats fixedPools[1]; // 368: fixedPoolCount records
 
+    // Byte offset of the first size class record.
     static constexpr std::size_t kFixedPoolsOffset = 368;
 
     // The record of size class `index` (< fixedPoolCount) in a block of the size ExtractStats
@@ -55,6 +57,7 @@ struct VirtualMemoryStats {
                                                               kFixedPoolsOffset) +
                index;
     }
+    // The same, read-only.
     const VirtualMemoryFixedPoolStats* fixedPool(unsigned int index) const {
         return reinterpret_cast<const VirtualMemoryFixedPoolStats*>(
                    reinterpret_cast<const char*>(this) + kFixedPoolsOffset) +
@@ -88,17 +91,29 @@ static_assert(offsetof(VirtualMemoryStats, fixedPools) == VirtualMemoryStats::kF
 
 // One object's reference count, for GetOutstandingReferences.
 struct VirtualMemoryReferenceInfo {
-    unsigned long long offset;
-    unsigned long long count;
+    unsigned long long offset; // the object's offset
+    unsigned long long count;  // its reference count, above 0
 };
 
 // The I/O calls the engine makes on its page file. Tests replace them to provoke failures
 // (a full disk, a failing read); each has the contract of the POSIX call of the same name.
 struct VirtualMemoryIo {
+    // Write and read `count` bytes at byte `offset` of the page file.
     long (*pwrite)(int fd, const void* data, unsigned long count, long long offset);
     long (*pread)(int fd, void* data, unsigned long count, long long offset);
 };
 
+// The store. Objects are named by PageItem offsets, stable for their life.
+//
+// References: Allocate and each GetAddress raise the object's count by 1 and give its
+// address, good until the Dismiss that answers it; Deallocate ends the object whatever its
+// count.
+//
+// Paging: an object whose count is 0 may leave memory at any later call and come back, perhaps
+// at another address, with the same bytes; one with a count above 0 never moves.
+//
+// Exceptions: the constructor throws std::bad_alloc; nothing else throws: running out of memory
+// or page file space, any page file I/O failure and a damaged page file give a null address.
 class VirtualMemoryPool {
 public:
     // `size` is the resident budget in bytes (0 is taken as 1 page). `path` is the directory
