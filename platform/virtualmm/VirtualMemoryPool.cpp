@@ -332,8 +332,15 @@ private:
     inline void unpin(Span* span, unsigned slot);
     HXL_VMM_COLD bool pinInTable(Span* span, unsigned slot);
     HXL_VMM_COLD void unpinInTable(Span* span, unsigned slot);
-    void spanUnpinned(Span* span);
+    inline void spanUnpinned(Span* span);
     HXL_VMM_COLD void takePrint(Span* span);
+    HXL_VMM_COLD void firstRelease(Span* span);
+    HXL_VMM_COLD void mappedForWriting(Span* span);
+    HXL_VMM_COLD void* mapSlow(Span* span, unsigned slot, unsigned long long offset,
+                               bool forWriting);
+    HXL_VMM_COLD void unpinnedSlow(Span* span);
+    HXL_VMM_COLD bool endPins(Span* span, unsigned slot);
+    HXL_VMM_COLD bool keepEmptied(Span* span);
     void ringInsert(Span* span);
     void ringRemove(Span* span);
     char* takeBuffer(unsigned pages, bool& recycled);
@@ -907,6 +914,14 @@ void VirtualMemoryPool::Engine::unpinInTable(Span* span, unsigned slot) {
     }
 }
 
+// A span read in file order earns no second chance from its first use (rule 12); a span that
+// came in may have its fingerprint taken (rule 13).
+void VirtualMemoryPool::Engine::firstRelease(Span* span) {
+    span->flags |= (span->flags & kScan) != 0 ? kScanUsed : kReferenced;
+    if ((span->flags & kFresh) != 0)
+        takePrint(span);
+}
+
 // Rule 13: the first release of a span that came in, in a full store, takes its fingerprint
 // while its bytes are still in cache, so the sweep need not read them again.
 void VirtualMemoryPool::Engine::takePrint(Span* span) {
@@ -926,10 +941,17 @@ void VirtualMemoryPool::Engine::takePrint(Span* span) {
 
 void VirtualMemoryPool::Engine::spanUnpinned(Span* span) {
     ++m_unpinnedResident;
-    // A span read in file order earns no second chance from its first use (rule 12).
-    span->flags |= (span->flags & kScan) != 0 ? kScanUsed : kReferenced;
-    if ((span->flags & kFresh) != 0)
-        takePrint(span);
+    if ((span->flags & (kScan | kFresh)) == 0 && m_residentBytes <= m_budget)
+        span->flags |= kReferenced;
+    else
+        unpinnedSlow(span);
+}
+
+void VirtualMemoryPool::Engine::unpinnedSlow(Span* span) {
+    if ((span->flags & (kScan | kFresh)) == 0)
+        span->flags |= kReferenced;
+    else
+        firstRelease(span);
     // What was pinned may have held the store above its budget; a failed page-out here is
     // retried by the next call that needs room (rule 8).
     if (m_residentBytes > m_budget)
@@ -996,17 +1018,41 @@ void* VirtualMemoryPool::Engine::allocate(unsigned long long size, PageItem& ite
     return span->memory + (item.offset - span->baseOffset());
 }
 
+// The hit path: a resident object whose count stays below the table and whose span needs no
+// change of state. Everything else goes to mapSlow, as a tail call, so that this path saves no
+// registers.
 void* VirtualMemoryPool::Engine::getAddress(unsigned long long offset, bool forWriting) {
     unsigned slot;
     Span* span = find(offset, slot);
-    if (span == nullptr || (span->memory == nullptr && !pageIn(span)) || !pin(span, slot))
+    if (span == nullptr)
         return nullptr;
-    if (forWriting) {
-        span->flags &= static_cast<unsigned char>(~kPrintTaken);
-        if (span->copy == kCopyExact)
-            span->copy = kCopyMaybe;
+    unsigned char* refs = span->refs; // null while paged out
+    if (refs == nullptr || refs[slot] >= kCountInTable - 1 ||
+        (forWriting && ((span->flags & kPrintTaken) != 0 || span->copy == kCopyExact)) ||
+        (refs[slot] == kCountZero && (span->flags & kScanUsed) != 0))
+        return mapSlow(span, slot, offset, forWriting);
+    if (refs[slot]++ == kCountZero) {
+        ++m_outstanding;
+        if (span->pinCount++ == 0)
+            --m_unpinnedResident;
     }
     return span->memory + (offset - span->baseOffset());
+}
+
+void* VirtualMemoryPool::Engine::mapSlow(Span* span, unsigned slot, unsigned long long offset,
+                                         bool forWriting) {
+    if ((span->memory == nullptr && !pageIn(span)) || !pin(span, slot))
+        return nullptr;
+    if (forWriting && ((span->flags & kPrintTaken) != 0 || span->copy == kCopyExact))
+        mappedForWriting(span);
+    return span->memory + (offset - span->baseOffset());
+}
+
+// The span may change: an exact copy becomes maybe stale, a fingerprint taken is void.
+void VirtualMemoryPool::Engine::mappedForWriting(Span* span) {
+    span->flags &= static_cast<unsigned char>(~kPrintTaken);
+    if (span->copy == kCopyExact)
+        span->copy = kCopyMaybe;
 }
 
 void VirtualMemoryPool::Engine::dismiss(unsigned long long offset) {
@@ -1032,40 +1078,18 @@ void VirtualMemoryPool::Engine::deallocate(unsigned long long offset) {
     Span* span = find(offset, slot);
     if (span == nullptr)
         return;
-    bool unpinnedNow = false;
-    if (span->refs != nullptr && span->refs[slot] > kCountZero) {
-        if (span->refs[slot] == kCountInTable)
-            m_bigCounts.erase(slotOffset(span, slot));
-        --m_outstanding;
-        if (--span->pinCount == 0) {
-            ++m_unpinnedResident;
-            span->flags |= kReferenced;
-            unpinnedNow = true;
-        }
-    }
-    if (span->refs != nullptr)
-        span->refs[slot] = kFreeSlot;
+    unsigned char* refs = span->refs; // null while paged out
+    const bool unpinnedNow = refs != nullptr && refs[slot] > kCountZero && endPins(span, slot);
+    if (refs != nullptr)
+        refs[slot] = kFreeSlot;
     span->live()[slot >> 6] &= ~(1ULL << (slot & 63));
     --span->liveCount;
     --m_objectsCurrent;
-    if (span->classIndex == kLargeClass) {
-        releaseSpan(span);
-        return;
-    }
-    SizeClass& sc = m_classes[span->classIndex];
-    --sc.liveObjects;
-    if (span->liveCount == 0) {
-        // Keep one resident empty span per class, so alloc/free in turn does not make and
-        // release a span every time. Its bytes mean nothing any more: its file copy goes.
-        if (sc.emptySpans > 0 || span->memory == nullptr) {
-            releaseSpan(span);
+    if (span->classIndex == kLargeClass || span->liveCount == 0) {
+        if (!keepEmptied(span))
             return;
-        }
-        ++sc.emptySpans;
-        if (span->fileSlot != kNoSlot)
-            giveFileSlot(span);
-        span->copy = kCopyNone; // a page-out must find it a slot again
-        span->flags &= static_cast<unsigned char>(~kPrintTaken);
+    } else {
+        --m_classes[span->classIndex].liveObjects;
     }
     if ((span->flags & kOnNonFullList) == 0)
         nonFullPush(span);
@@ -1073,6 +1097,40 @@ void VirtualMemoryPool::Engine::deallocate(unsigned long long offset) {
     // (rule 3), as the last dismiss would have.
     if (unpinnedNow && m_residentBytes > m_budget)
         makeRoom(0);
+}
+
+// The references of an object that is deallocated while pinned go with it; true when that
+// unpinned its span.
+bool VirtualMemoryPool::Engine::endPins(Span* span, unsigned slot) {
+    if (span->refs[slot] == kCountInTable)
+        m_bigCounts.erase(slotOffset(span, slot));
+    --m_outstanding;
+    if (--span->pinCount != 0)
+        return false;
+    ++m_unpinnedResident;
+    span->flags |= kReferenced;
+    return true;
+}
+
+// A span left with no object: one resident empty span per class is kept, so that alloc and
+// free in turn do not make and release a span every time; false when the span was released.
+bool VirtualMemoryPool::Engine::keepEmptied(Span* span) {
+    if (span->classIndex == kLargeClass) {
+        releaseSpan(span);
+        return false;
+    }
+    SizeClass& sc = m_classes[span->classIndex];
+    --sc.liveObjects;
+    if (sc.emptySpans > 0 || span->memory == nullptr) {
+        releaseSpan(span);
+        return false;
+    }
+    ++sc.emptySpans;
+    if (span->fileSlot != kNoSlot)
+        giveFileSlot(span); // its bytes mean nothing any more
+    span->copy = kCopyNone; // a page-out must find it a slot again
+    span->flags &= static_cast<unsigned char>(~kPrintTaken);
+    return true;
 }
 
 void VirtualMemoryPool::Engine::extractStats(VirtualMemoryStats* stats, unsigned long long size,
