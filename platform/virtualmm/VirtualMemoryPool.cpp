@@ -339,7 +339,7 @@ private:
     HXL_VMM_COLD void* mapSlow(Span* span, unsigned slot, unsigned long long offset,
                                bool forWriting);
     HXL_VMM_COLD void unpinnedSlow(Span* span);
-    HXL_VMM_COLD bool endPins(Span* span, unsigned slot);
+    inline bool endPins(Span* span, unsigned slot);
     HXL_VMM_COLD bool keepEmptied(Span* span);
     void ringInsert(Span* span);
     void ringRemove(Span* span);
@@ -1004,9 +1004,12 @@ void* VirtualMemoryPool::Engine::allocate(unsigned long long size, PageItem& ite
     span->live()[slot >> 6] |= 1ULL << (slot & 63);
     ++span->liveCount;
     ++m_objectsCurrent;
-    span->refs[slot] = kCountZero;
-    pin(span, slot); // from 0 to 1: cannot fail
-    span->flags &= static_cast<unsigned char>(~kPrintTaken);
+    span->refs[slot] = kCountZero + 1; // a new object has count 1
+    ++m_outstanding;
+    if (span->pinCount++ == 0)
+        --m_unpinnedResident;
+    // Mapped for writing: the flags that say otherwise go (kScan with kScanUsed: used twice).
+    span->flags &= static_cast<unsigned char>(~(kPrintTaken | kScan | kScanUsed));
     if (span->copy == kCopyExact)
         span->copy = kCopyMaybe;
     ++m_objectsCumulative;
