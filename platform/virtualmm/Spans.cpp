@@ -1,0 +1,349 @@
+// Spans and size classes: making and releasing spans, their buffers, the clock ring, the
+// class lists, and the checker that walks the whole store (Engine.h, design rules).
+#include "Engine.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace tcmalloc {
+
+namespace {
+
+[[noreturn]] void broken(const char* rule, unsigned long long detail) {
+    std::fprintf(stderr, "VirtualMemoryPool: invariant broken: %s (%llu)\n", rule, detail);
+    std::abort();
+}
+
+#define VMM_CHECK(cond, detail)                                                                    \
+    do {                                                                                           \
+        if (!(cond))                                                                               \
+            broken(#cond, static_cast<unsigned long long>(detail));                                \
+    } while (0)
+
+} // namespace
+
+VirtualMemoryPool::Engine::Engine(unsigned long long budget, const char* path)
+    : m_budget(budget == 0 ? kPageSize : budget), m_file(path) {
+    // Classes: 16-byte steps to 128, then four classes per doubling up to 8 KiB. Each class
+    // takes the shortest span (1 to 8 pages) that wastes at most an eighth of itself: short
+    // spans make paging fine-grained.
+    for (unsigned size = kClassGranule; size <= kMaxSmallSize;) {
+        unsigned bestPages = kMaxSpanPages;
+        for (unsigned pages = 1; pages <= kMaxSpanPages; ++pages) {
+            const unsigned long long spanBytes = pages * kPageSize;
+            if (spanBytes >= size && (spanBytes % size) * 8 <= spanBytes) {
+                bestPages = pages;
+                break;
+            }
+        }
+        const unsigned slots = static_cast<unsigned>(bestPages * kPageSize / size);
+        m_classes.push_back(SizeClass{size, bestPages, slots, (slots + 63) / 64, 0, 0, 0, nullptr});
+        unsigned step = kClassGranule;
+        if (size >= 128) {
+            unsigned power = 128;
+            while (power * 2 <= size)
+                power *= 2;
+            step = power / 4;
+        }
+        size += step;
+    }
+    // Room for every buffer the cache may keep, so that dropBuffer, called half-way through
+    // moving a span out of memory, never allocates; likewise for the scratch vectors.
+    for (unsigned pages = 1; pages <= kCachedBufferPages; ++pages)
+        m_buffers[pages].reserve((kBufferCacheBytes >> kPageShift) / pages);
+    m_batch.reserve(kIoRunBytes >> kPageShift);
+    m_pieces.reserve(kIoRunBytes >> kPageShift);
+    m_run.reserve(kIoRunBytes >> kPageShift);
+    m_classOfGranules.resize(kMaxSmallSize / kClassGranule + 1);
+    unsigned index = 0;
+    for (unsigned granules = 0; granules < m_classOfGranules.size(); ++granules) {
+        while (m_classes[index].elementSize < std::max(granules, 1u) * kClassGranule)
+            ++index;
+        m_classOfGranules[granules] = static_cast<unsigned short>(index);
+    }
+}
+
+VirtualMemoryPool::Engine::~Engine() {
+    // Every object ends with the store: no write, no check of references. Records and slot
+    // counts go with the record arena.
+    for (unsigned long long page = 0; page < m_pageMap.size(); ++page) {
+        Span* span = m_pageMap[page];
+        if (span == nullptr)
+            continue;
+        page += span->pageCount - 1; // the span's other pages name it too
+        std::free(span->memory);
+    }
+    for (std::vector<char*>& bucket : m_buffers)
+        for (char* buffer : bucket)
+            std::free(buffer);
+}
+
+// A buffer of `pages` pages; `recycled` tells whether it held a span before (its bytes are
+// then initialised, though not zero).
+char* VirtualMemoryPool::Engine::takeBuffer(unsigned pages, bool& recycled) {
+    recycled = pages <= kCachedBufferPages && !m_buffers[pages].empty();
+    if (recycled) {
+        char* buffer = m_buffers[pages].back();
+        m_buffers[pages].pop_back();
+        m_bufferBytes -= static_cast<unsigned long long>(pages) << kPageShift;
+        return buffer;
+    }
+    return static_cast<char*>(std::malloc(static_cast<size_t>(pages) << kPageShift));
+}
+
+// Freed span buffers are kept (up to a bound) for the next page-in: giving them back to the
+// process heap at once costs page faults when the heap returns them to the system.
+void VirtualMemoryPool::Engine::dropBuffer(char* memory, unsigned pages) {
+    const unsigned long long bytes = static_cast<unsigned long long>(pages) << kPageShift;
+    if (pages <= kCachedBufferPages && m_bufferBytes + bytes <= kBufferCacheBytes) {
+        m_buffers[pages].push_back(memory);
+        m_bufferBytes += bytes;
+        return;
+    }
+    std::free(memory);
+}
+
+Span* VirtualMemoryPool::Engine::newSpan(unsigned short classIndex, unsigned pages) {
+    const unsigned long long bytes = static_cast<unsigned long long>(pages) << kPageShift;
+    const unsigned slots = classIndex == kLargeClass ? 1 : m_classes[classIndex].slots;
+    const unsigned words = classIndex == kLargeClass ? 1 : m_classes[classIndex].words;
+    // Page numbers are 32-bit; a store that would pass them gives null.
+    if (m_pageNumbers.end() + pages > 0xFFFFFFFFULL)
+        return nullptr;
+    bool recycled;
+    char* memory = takeBuffer(pages, recycled);
+    if (memory == nullptr)
+        return nullptr;
+    // Fresh memory is cleared so that a page file never receives uninitialised bytes; a
+    // recycled buffer holds old bytes of this store, which are as good.
+    if (!recycled)
+        std::memset(memory, 0, bytes);
+    Span* span = static_cast<Span*>(m_records.take(sizeof(Span) + 8 * words));
+    unsigned char* refs = static_cast<unsigned char*>(m_records.take(slots));
+    unsigned long long firstPage = 0;
+    bool taken = false;
+    try {
+        // The page map grows before anything else changes, to cover the pages take() may add
+        // at the end: running out of memory leaves the store as it was and gives null. A map
+        // longer than the page numbers in use is harmless: its tail stays null.
+        if (span != nullptr && refs != nullptr) {
+            if (m_pageNumbers.end() + pages > m_pageMap.size())
+                m_pageMap.resize(m_pageNumbers.end() + pages, nullptr);
+            firstPage = m_pageNumbers.take(pages);
+            taken = true;
+        }
+    } catch (const std::bad_alloc&) {
+    }
+    if (!taken) {
+        dropBuffer(memory, pages);
+        if (span != nullptr)
+            m_records.give(span, sizeof(Span) + 8 * words);
+        if (refs != nullptr)
+            m_records.give(refs, slots);
+        return nullptr;
+    }
+    std::memset(static_cast<void*>(span), 0, sizeof(Span) + 8 * words);
+    std::memset(refs, 0, slots);
+    span->memory = memory;
+    span->refs = refs;
+    span->firstPage = static_cast<unsigned>(firstPage);
+    span->pageCount = pages;
+    span->classIndex = classIndex;
+    span->elementSize = classIndex == kLargeClass ? 0 : m_classes[classIndex].elementSize;
+    span->slotMagic =
+        span->elementSize == 0 ? 0 : static_cast<unsigned>((1ULL << 32) / span->elementSize + 1);
+    span->copy = kCopyNone; // nothing of it is in the page file yet
+    span->flags = kFresh;
+    span->fileSlot = kNoSlot;
+    for (unsigned i = 0; i < pages; ++i)
+        m_pageMap[firstPage + i] = span;
+    m_residentBytes += bytes;
+    ++m_unpinnedResident;
+    ringInsert(span);
+    if (classIndex == kLargeClass) {
+        ++m_largeSpans;
+        m_largePages += pages;
+    } else {
+        ++m_classes[classIndex].spanCount;
+    }
+    return span;
+}
+
+void VirtualMemoryPool::Engine::releaseSpan(Span* span) {
+    if (span->memory != nullptr) {
+        ringRemove(span);
+        if (span->pinCount == 0)
+            --m_unpinnedResident;
+        m_residentBytes -= span->bytes();
+        dropBuffer(span->memory, span->pageCount);
+        m_records.give(span->refs, slotCount(span));
+    }
+    if (span->fileSlot != kNoSlot)
+        giveFileSlot(span);
+    if (span->classIndex == kLargeClass) {
+        --m_largeSpans;
+        m_largePages -= span->pageCount;
+    } else {
+        nonFullRemove(span);
+        --m_classes[span->classIndex].spanCount;
+    }
+    for (unsigned i = 0; i < span->pageCount; ++i)
+        m_pageMap[span->firstPage + i] = nullptr;
+    try {
+        m_pageNumbers.give(span->firstPage, span->pageCount);
+    } catch (const std::bad_alloc&) {
+        // The page numbers stay taken: offset space is lost, never handed out twice.
+    }
+    if (m_pageNumbers.end() < m_pageMap.size())
+        m_pageMap.resize(m_pageNumbers.end());
+    m_records.give(span, recordBytes(span));
+}
+
+// New and paged-in spans go just behind the hand, so the sweep reaches them last.
+void VirtualMemoryPool::Engine::ringInsert(Span* span) {
+    if (m_hand == nullptr) {
+        span->ringPrev = span->ringNext = span;
+        m_hand = span;
+        return;
+    }
+    span->ringNext = m_hand;
+    span->ringPrev = m_hand->ringPrev;
+    m_hand->ringPrev->ringNext = span;
+    m_hand->ringPrev = span;
+}
+
+void VirtualMemoryPool::Engine::ringRemove(Span* span) {
+    if (span->ringNext == span) {
+        m_hand = nullptr;
+    } else {
+        if (m_hand == span)
+            m_hand = span->ringNext;
+        span->ringPrev->ringNext = span->ringNext;
+        span->ringNext->ringPrev = span->ringPrev;
+    }
+    span->ringPrev = span->ringNext = nullptr;
+}
+
+void VirtualMemoryPool::Engine::nonFullPush(Span* span) {
+    SizeClass& sc = m_classes[span->classIndex];
+    span->flags |= kOnNonFullList;
+    span->classPrev = nullptr;
+    // Resident spans go in front, so allocation rarely has to page one in.
+    if (span->memory != nullptr || sc.nonFull == nullptr) {
+        span->classNext = sc.nonFull;
+        if (sc.nonFull)
+            sc.nonFull->classPrev = span;
+        sc.nonFull = span;
+        return;
+    }
+    Span* last = sc.nonFull;
+    while (last->classNext != nullptr && last->classNext->memory != nullptr)
+        last = last->classNext;
+    span->classNext = last->classNext;
+    span->classPrev = last;
+    if (last->classNext)
+        last->classNext->classPrev = span;
+    last->classNext = span;
+}
+
+void VirtualMemoryPool::Engine::nonFullRemove(Span* span) {
+    if ((span->flags & kOnNonFullList) == 0)
+        return;
+    SizeClass& sc = m_classes[span->classIndex];
+    if (span->classPrev)
+        span->classPrev->classNext = span->classNext;
+    else
+        sc.nonFull = span->classNext;
+    if (span->classNext)
+        span->classNext->classPrev = span->classPrev;
+    span->classPrev = span->classNext = nullptr;
+    span->flags &= static_cast<unsigned char>(~kOnNonFullList);
+}
+
+void VirtualMemoryPool::Engine::checkSpan(const Span* span) const {
+    const unsigned slots = slotCount(span);
+    unsigned live = 0, pinned = 0;
+    for (unsigned word = 0; word < bitmapWords(span); ++word)
+        live += static_cast<unsigned>(__builtin_popcountll(span->live()[word]));
+    VMM_CHECK(live == span->liveCount, span->firstPage);
+    VMM_CHECK(slots == 64 * bitmapWords(span) || (span->live()[slots >> 6] >> (slots & 63)) == 0,
+              span->firstPage); // no bit beyond the last slot
+    if (span->memory != nullptr) {
+        VMM_CHECK(span->refs != nullptr, span->firstPage);
+        for (unsigned slot = 0; slot < slots; ++slot) {
+            VMM_CHECK(span->isLive(slot) == (span->refs[slot] != kFreeSlot),
+                      slotOffset(span, slot));
+            VMM_CHECK(span->refs[slot] != kCountInTable ||
+                          m_bigCounts.count(slotOffset(span, slot)) == 1,
+                      slotOffset(span, slot));
+            pinned += span->refs[slot] > kCountZero;
+        }
+    } else { // rule 9
+        VMM_CHECK(span->refs == nullptr && span->ringNext == nullptr, span->firstPage);
+        VMM_CHECK(span->copy == kCopyExact && span->fileSlot != kNoSlot, span->firstPage);
+    }
+    VMM_CHECK(pinned == span->pinCount, span->firstPage); // rule 1 for paged-out spans
+    VMM_CHECK(span->copy == kCopyNone || span->fileSlot != kNoSlot, span->firstPage);
+    VMM_CHECK(span->fileSlot == kNoSlot || m_file.ownerAt(span->fileSlot) == span, span->firstPage);
+    VMM_CHECK((span->flags & kInBatch) == 0, span->firstPage);
+    VMM_CHECK((span->flags & kPrintTaken) == 0 ||
+                  (span->copy == kCopyNone &&
+                   fingerprint(span->memory, span->bytes()) == span->fingerprint),
+              span->firstPage); // rule 13
+}
+
+void VirtualMemoryPool::Engine::verify() const {
+    unsigned long long resident = 0, outstanding = 0, objects = 0, bigCounts = 0;
+    unsigned long long pagesMapped = 0, filePages = 0, slots = 0;
+    for (unsigned long long page = 0; page < m_pageMap.size(); ++page) {
+        const Span* span = m_pageMap[page];
+        if (span == nullptr)
+            continue;
+        ++pagesMapped;
+        VMM_CHECK(page >= span->firstPage && page < span->firstPage + span->pageCount, page);
+        if (span->firstPage != page)
+            continue;
+        checkSpan(span);
+        if (span->memory != nullptr) {
+            resident += span->bytes();
+            for (unsigned slot = 0; slot < slotCount(span); ++slot) {
+                outstanding += span->refs[slot] > kCountZero;
+                bigCounts += span->refs[slot] == kCountInTable;
+            }
+        }
+        if (span->fileSlot != kNoSlot) {
+            filePages += span->pageCount;
+            ++slots;
+        }
+        objects += span->liveCount;
+    }
+    // Rule 2: the ring holds the resident spans, each once, and unpinnedResident is exact.
+    unsigned long long ringLength = 0, ringUnpinned = 0, residentSpans = 0;
+    if (m_hand != nullptr) {
+        const Span* span = m_hand;
+        do {
+            VMM_CHECK(span->memory != nullptr, span->firstPage);
+            VMM_CHECK(m_pageMap[span->firstPage] == span, span->firstPage);
+            VMM_CHECK(span->ringNext->ringPrev == span, span->firstPage);
+            ringUnpinned += span->pinCount == 0;
+            ++ringLength;
+            span = span->ringNext;
+        } while (span != m_hand && ringLength <= m_pageMap.size());
+    }
+    for (unsigned long long page = 0; page < m_pageMap.size(); ++page) {
+        const Span* span = m_pageMap[page];
+        residentSpans += span != nullptr && span->firstPage == page && span->memory != nullptr;
+    }
+    VMM_CHECK(ringLength == residentSpans, ringLength);
+    VMM_CHECK(ringUnpinned == m_unpinnedResident, ringUnpinned);
+    VMM_CHECK(resident == m_residentBytes, resident);     // rule 3
+    VMM_CHECK(outstanding == m_outstanding, outstanding); // rule 7
+    VMM_CHECK(bigCounts == m_bigCounts.size(), bigCounts);
+    VMM_CHECK(objects == m_objectsCurrent, objects);
+    VMM_CHECK(m_batch.empty() && m_batchBytes == 0, m_batch.size());
+    VMM_CHECK(pagesMapped + m_pageNumbers.freeUnits() + 1 == m_pageNumbers.end(), pagesMapped);
+    VMM_CHECK(filePages == m_file.pagesInUse(), filePages); // rule 6 and P2
+    VMM_CHECK(slots == m_file.ownerCount(), slots);
+}
+
+} // namespace tcmalloc
