@@ -140,7 +140,7 @@ TEST_P(VirtualMemoryPoolModel, RandomOperationsAgreeWithModel) {
     VirtualMemoryPool pool(budget, dir.path.c_str());
     std::mt19937 random(20261123);
     std::map<unsigned long long, ModelObject> model;
-    unsigned long long pinned = 0, liveBytes = 0, maxLiveBytes = 0;
+    unsigned long long pinned = 0;
     unsigned nextSeed = 1;
 
     auto pick = [&] { return std::next(model.begin(), random() % model.size()); };
@@ -149,13 +149,11 @@ TEST_P(VirtualMemoryPoolModel, RandomOperationsAgreeWithModel) {
         const unsigned long long offset = newObject(pool, size, seed);
         ASSERT_TRUE(offset != 0 && offset != ~0ULL && model.count(offset) == 0) << offset;
         model[offset] = {size, seed, 0, nullptr};
-        liveBytes += size;
     };
     auto remove = [&](std::map<unsigned long long, ModelObject>::iterator it) {
         PageItem item{it->first};
         pool.Deallocate(item);
         pinned -= it->second.pins > 0;
-        liveBytes -= it->second.size;
         model.erase(it);
     };
 
@@ -200,8 +198,6 @@ TEST_P(VirtualMemoryPoolModel, RandomOperationsAgreeWithModel) {
         } else {
             remove(pick());
         }
-        maxLiveBytes = std::max(maxLiveBytes, liveBytes);
-
         pool.Verify();
         ASSERT_EQ(outstanding(pool), pinned);
         ASSERT_EQ(stats(pool).objectsCurrent, model.size());
@@ -217,13 +213,11 @@ TEST_P(VirtualMemoryPoolModel, RandomOperationsAgreeWithModel) {
             }
         }
     }
-    EXPECT_GE(maxLiveBytes, 8 * budget);
-
     const VirtualMemoryStats figures = stats(pool);
     EXPECT_GT(figures.pageWrites, 100u);
     EXPECT_GT(figures.pageReads, 100u);
     EXPECT_GT(figures.pageDrops, 100u);
-    EXPECT_GT(figures.pageFileSize, 0u);
+    EXPECT_GE(figures.pageFileSize, 4 * budget); // the store was many times its budget
     EXPECT_GE(figures.objectsCumulative, figures.objectsMax);
 
     // Once nothing is pinned the resident bytes are back within the budget.
