@@ -3,6 +3,7 @@
 #include "HXLVirtualMemoryMgr.h"
 
 #include <cstring>
+#include <new>
 
 namespace {
 
@@ -181,7 +182,10 @@ int HXLVirtualFile::write(const void* data, unsigned int count) {
         HXL_TRANSLATE("HXLVirtualFile");
         if (m_gzipStream == NULL)
             HXL_THROW(HXLOutOfMemoryError(0, NULL), "HXLVirtualFile");
-        m_gzipStream->setOutputStream(&m_outputStream);
+        // Laundered so that the compiler, which knows the type that was just constructed,
+        // cannot turn this into a direct call: the streams library is only required to export
+        // the constructor, and every other operation is reached through the object.
+        std::launder(m_gzipStream)->setOutputStream(&m_outputStream);
     }
     // An empty write goes on as well: it starts the member even when nothing follows.
     m_gzipStream->write(static_cast<const char*>(data), count);

@@ -57,9 +57,9 @@ public:
     void expand(unsigned int amount);
 
     // (size - 1) >> 3 in 32-bit arithmetic, not checked against the number of bins.
-    int size2Bin(unsigned int size) const { return size2Index(size); }
+    int size2Bin(unsigned int size);
     // 8 * bin + 8, not checked.
-    unsigned int bin2Size(int bin) const { return index2Size(bin); }
+    unsigned int bin2Size(int bin);
     int getNumVarBins() const { return m_numVarBins; }
 
     // Scans every bin's headers when detection is on (bin 0's flag speaks for the arena).
