@@ -51,7 +51,8 @@ public:
     // a damaged header found with detection on.
     void* alloc(unsigned int size);
     // Takes back a block of either kind from this arena. Throws HXLAssertError for null, for a
-    // damaged header and for a non-bin size that this arena does not hold.
+    // damaged header, for a bin element that is free already (or aborts, as its bin's abort flag
+    // says) and for a non-bin size that this arena does not hold.
     void free(void* mem);
     // Raises the budget and its ceiling by the greater of amount and the chunk size, plus 8.
     void expand(unsigned int amount);

@@ -52,7 +52,8 @@ public:
     // Only a failure to record a new heap block throws (the vector's exception).
     void* alloc(unsigned long long nbytes);
     // Puts a block from alloc of this pool back on the free list, joining it to free neighbours.
-    // Throws HXLAssertError for null. Requires a pool that has served an alloc.
+    // Throws HXLAssertError for null and for a block that is free already (nothing changes
+    // then). Requires a pool that has served an alloc.
     void free(void* memBlock);
     // Raises the budget by the greater of amount and the quantum. Takes no memory.
     void expand(unsigned long long amount);

@@ -111,6 +111,12 @@ TEST(HXLMemoryArena, MisuseDamageAndRefusedMemoryAreReported) {
     }
     EXPECT_EQ(left(arena, 262144), 262144u);
     EXPECT_EQ(thrown([&] { arena.free(nullptr); }), "HXL_ASSERT(mem);");
+    void* element = arena.alloc(8);
+    arena.free(element);
+    EXPECT_EQ(thrown([&] { arena.free(element); }),
+              "HXL_ASSERT_NAMED(rh->m_inUse != 0, \"Element freed twice in "
+              "HXLFixedMemoryPool::free\");");
+    EXPECT_NE(arena.alloc(8), arena.alloc(8));
     alignas(16) unsigned char forged[24] = {0xE8, 0x03, 0, 0, 0, 0, 1, 0x0E}; // size 1000
     EXPECT_EQ(
         thrown([&] { arena.free(forged + 8); }),

@@ -79,6 +79,18 @@ TEST(HXLFixedMemoryPoolDeathTest, DamagedHeadersAreReported) {
     pool.setDetectMemoryOverWrites(0);
     EXPECT_THAT([&] { pool.free(p1); }, hit) << "the short test needs no detection";
     EXPECT_EQ(p1[-2], 0x41) << "a refused free changes nothing";
+    HXLFixedMemoryPool fresh(8, 1, 1); // an element freed twice is refused, or aborts
+    unsigned char* e = b(fresh.alloc());
+    fresh.free(e);
+    EXPECT_THAT([&] { fresh.free(e); },
+                testing::ThrowsMessage<HXLAssertError>(
+                    testing::StrEq("HXL_ASSERT_NAMED(rh->m_inUse != 0, \"Element freed twice in "
+                                   "HXLFixedMemoryPool::free\");")));
+    EXPECT_EQ(fresh.alloc(), e);
+    EXPECT_NE(fresh.alloc(), e) << "it was linked once";
+    fresh.free(e);
+    fresh.setAbortProcessOnMemoryOverWrites(1);
+    EXPECT_EXIT(fresh.free(e), testing::KilledBySignal(SIGABRT), "");
     for (int damage : {16, 12, -16}) { // a filler, a size alone, a filler without detection
         HXLFixedMemoryPool doomed(8, 1, 1);
         doomed.setDetectMemoryOverWrites(damage > 0);

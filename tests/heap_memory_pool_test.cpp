@@ -66,3 +66,18 @@ TEST(HXLMemoryPool, RandomUseKeepsBlocksApartAndIntact) {
         model.add(p, size);
     }
 }
+
+TEST(HXLMemoryPool, ABlockFreedTwiceIsRefused) {
+    const auto twice = testing::ThrowsMessage<HXLAssertError>(
+        testing::StrEq("HXL_ASSERT_NAMED(block < freeStart || block >= freeEnd, \"Block freed "
+                       "twice in HXLMemoryPool::free\");"));
+    HXLMemoryPool pool(0, 0);
+    void* a = pool.alloc(1);
+    void* b = pool.alloc(1);
+    pool.free(a);
+    EXPECT_THAT([&] { pool.free(a); }, twice) << "a free block of its own";
+    pool.free(b);
+    for (void* p : {a, b})
+        EXPECT_THAT([&] { pool.free(p); }, twice) << "joined into the free block below";
+    EXPECT_NE(pool.alloc(16), pool.alloc(16));
+}
