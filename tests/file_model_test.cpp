@@ -4,9 +4,13 @@
 #include "file_test_util.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
+#include <csignal>
 #include <sstream>
 #include <vector>
+
+#include <sys/resource.h>
 
 namespace {
 
@@ -85,4 +89,76 @@ TEST(HXLVirtualFileModel, RandomOperationsAgreeWithTheModel) {
     for (unsigned int pageSize : {0u, 777u, 1000u, 4097u, 12289u}) // 0: the default, 8192
         for (unsigned int seed : {1u, 2u})
             runModel(pageSize, seed);
+}
+
+namespace {
+
+// Lowers this process's file size limit: the page file's writes past it fail (EFBIG, with
+// SIGXFSZ ignored) as on a full disk.
+struct FullDisk {
+    rlimit saved{};
+    explicit FullDisk(rlim_t bytes) {
+        ::getrlimit(RLIMIT_FSIZE, &saved);
+        std::signal(SIGXFSZ, SIG_IGN);
+        rlimit limit = saved;
+        limit.rlim_cur = bytes;
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+    }
+    ~FullDisk() {
+        ::setrlimit(RLIMIT_FSIZE, &saved);
+        std::signal(SIGXFSZ, SIG_DFL);
+    }
+};
+
+} // namespace
+
+TEST(HXLVirtualFile, MisuseIsRefusedAndAStoreThatFailsRaisesOutOfMemory) {
+    char buffer[16] = {};
+    HXLVirtualFile closed;
+    EXPECT_EQ(closed.write("x", 1), -1);
+    EXPECT_EQ(closed.read(buffer, 1), -1);
+    EXPECT_EQ(closed.getLastErrorNumber(), unsigned(EBADF));
+
+    HXLVirtualMemoryMgr store(64 * 1024, 0, 64);
+    HXLVirtualFile file;
+    file.open(&store, 0, 8192, false);
+    EXPECT_EQ(file.write("0123456789", 0x80000000u), -1);
+    EXPECT_EQ(file.getLastErrorNumber(), unsigned(EINVAL));
+    EXPECT_EQ(file.write("0123456789", 10), 10);
+    // At the end of the position range a write stops short instead of wrapping onto byte 0.
+    file.seek(-5, HXLFmFile::eSeekBegin);
+    EXPECT_EQ(file.write("abcdefghij", 10), 3);
+    EXPECT_EQ(file.write("x", 1), -1);
+    EXPECT_EQ(file.getLastErrorNumber(), unsigned(EFBIG));
+    EXPECT_EQ(file.read(buffer, 10), 0);
+    file.seek(-1, HXLFmFile::eSeekBegin); // 0xFFFFFFFF, in the page still mapped
+    file.seek(0, HXLFmFile::eSeekBegin);
+    EXPECT_EQ(outstandingReferences(store), 0) << "the page left was given back";
+    EXPECT_EQ(file.read(buffer, 0x80000000u), -1);
+    EXPECT_EQ(file.read(buffer, 10), 10);
+    EXPECT_EQ(std::string(buffer, 10), "0123456789");
+
+    const std::string data = sample(10000, 3);
+    HXLVirtualMemoryMgr small(64 * 1024, 0, 64);
+    HXLVirtualFile full;
+    full.open(&small, 0, 4096, false);
+    unsigned int written = 0;
+    {
+        FullDisk disk(256 * 1024);
+        try {
+            for (; written < (1u << 24); written += 10000)
+                full.write(data.data(), 10000);
+        } catch (const HXLOutOfMemoryError&) {
+        }
+        EXPECT_GT(full.getLength(), static_cast<int>(written)) << "whole pages kept";
+        EXPECT_EQ(full.getLength() % 4096, 0);
+        EXPECT_EQ(full.seek(0, HXLFmFile::eSeekEnd), full.getLength());
+        full.seek(0, HXLFmFile::eSeekBegin);
+        EXPECT_THROW(full.read(buffer, 16), HXLOutOfMemoryError);
+        EXPECT_THROW(full.write(buffer, 16), HXLOutOfMemoryError);
+        EXPECT_EQ(full.seek(0, HXLFmFile::eSeekCurrent), 0);
+        EXPECT_EQ(outstandingReferences(small), 0);
+    }
+    EXPECT_EQ(full.read(buffer, 16), 16) << "the disk has room again";
+    EXPECT_EQ(std::string(buffer, 16), data.substr(0, 16));
 }
