@@ -41,8 +41,8 @@ class HXLVirtualMemoryMgr;
 //
 // Paging: every page but that one may leave memory between calls.
 //
-// Exceptions: read, write, close and reset throw what the manager throws when a page cannot be
-// allocated (HXLOutOfMemoryError); write, close and reset also pass on what the compressor
+// Exceptions: read, write, close and reset throw HXLOutOfMemoryError when a page cannot be
+// allocated or brought back into memory; write, close and reset also pass on what the compressor
 // throws; open with a budget throws HXLOutOfMemoryError when the store cannot be made. The
 // operations inherited from HXLFmFile report failures by their results; the destructor lets
 // nothing out.

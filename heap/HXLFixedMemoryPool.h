@@ -26,8 +26,8 @@
 //
 // Exceptions: the constructor throws HXLAssertError for an element that does not fit a chunk;
 // a damaged header throws HXLAssertError (or aborts, with the abort flag set) from the calls
-// that test headers; alloc and grow throw HXLOutOfMemoryError when operator new fails. Running
-// out of elements is a null alloc.
+// that test headers, and from free for a header-mode element freed twice; alloc and grow throw
+// HXLOutOfMemoryError when operator new fails. Running out of elements is a null alloc.
 class HXLFixedMemoryPool {
 public:
     // The layout of a chunk. Chunks are raw blocks from operator new(32768); this struct only

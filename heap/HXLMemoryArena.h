@@ -31,8 +31,8 @@ class HXLFixedMemoryPool;
 //
 // Exceptions: see the constructor; alloc throws HXLOutOfMemoryError when a chunk cannot be had
 // and std::bad_alloc when a large block cannot be recorded; alloc (with detection on) and free
-// throw HXLAssertError on a damaged header, free also for null and for a block this arena does
-// not hold. Running out of budget is a null alloc.
+// throw HXLAssertError on a damaged header, free also for null, for a bin element freed twice and
+// for a block this arena does not hold. Running out of budget is a null alloc.
 class HXLMemoryArena {
 public:
     // numVarBins: the number of bins, 0 to 4093. maxAllowed: the budget in bytes, 0 for 262144.

@@ -23,8 +23,9 @@
 // the store: no references, nothing pages out. A block is the caller's from alloc to free;
 // memory goes back to the heap with the pool.
 //
-// Exceptions: free throws HXLAssertError for null; alloc throws std::bad_alloc only when a new
-// heap block cannot be recorded. Running out of budget or heap is a null alloc.
+// Exceptions: free throws HXLAssertError for null and for a block freed twice; alloc throws
+// std::bad_alloc only when a new heap block cannot be recorded. Running out of budget or heap
+// is a null alloc.
 class HXLMemoryPool {
 public:
     // The header in front of every block (see the glossary of this file).
