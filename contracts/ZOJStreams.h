@@ -4,15 +4,19 @@
 
 // A sink of bytes. Derived classes implement write; flush and close do nothing here.
 //
+// Everything here is defined inline, so that its table of virtual functions and its type
+// information come with every class derived from it: a user of the compressor needs nothing
+// of the streams library but ZOJGZIPOutputStream's constructor.
+//
 // Exceptions: whatever the derived class's operations throw.
 class ZOJOutputStream {
 public:
-    virtual ~ZOJOutputStream();
+    virtual ~ZOJOutputStream() {}
     // Takes `count` bytes at `data`.
     virtual void write(const char* data, unsigned long long count) = 0;
     // Pass on what is held back, and end the stream; both do nothing here.
-    virtual void flush();
-    virtual void close();
+    virtual void flush() {}
+    virtual void close() {}
 };
 
 // Deflates what it is given into one gzip member (RFC 1952) per life, from the first write to

@@ -2,13 +2,22 @@
 
 #include "HXLVirtualMemoryMgr.h"
 
+#include <cerrno>
 #include <cstring>
+#include <new>
 
 namespace {
 
 const unsigned int kDefaultPageSize = 8192;
 // Stands for "the present position" in dismissBuffer; it is never a valid position itself.
 const unsigned int kCurrentPosition = 0xFFFFFFFF;
+// The furthest a transfer moves the position: one short of the sentinel, so that it can neither
+// become the sentinel nor wrap onto the start of the file.
+const unsigned int kLastPosition = 0xFFFFFFFE;
+// Results are ints, and the running total indexes the caller's buffer.
+const unsigned int kMaxTransfer = 0x7FFFFFFF;
+// What writeImpl gives back for a refused transfer: -1, widened with its sign as every result.
+const unsigned long long kRefused = ~0ULL;
 
 } // namespace
 
@@ -128,7 +137,20 @@ char* HXLVirtualFile::getCurrentBuffer() {
         m_currentBuffer = static_cast<char*>(m_memoryMgr->alloc(m_pageSize, page));
     else
         m_currentBuffer = static_cast<char*>(m_memoryMgr->getAddress(page, 1));
+    // The store gives null for a page it cannot bring back (no room to page another out, a
+    // failed or damaged read); alloc throws the same for a page it cannot make. No reference
+    // is held then, and m_currentBuffer stays null.
+    if (m_currentBuffer == NULL)
+        HXL_THROW(HXLOutOfMemoryError(0, NULL), "HXLVirtualFile");
     return m_currentBuffer;
+}
+
+int HXLVirtualFile::refuseTransfer(unsigned int count) {
+    if (m_memoryMgr == NULL)
+        return fail(EBADF);
+    if (count > kMaxTransfer)
+        return fail(EINVAL);
+    return 0;
 }
 
 void HXLVirtualFile::dismissBuffer(unsigned int position) {
@@ -147,17 +169,21 @@ bool HXLVirtualFile::inSamePage(unsigned int a, unsigned int b) const {
 int HXLVirtualFile::read(void* buffer, unsigned int count) {
     if (count == 0)
         return 0;
+    if (refuseTransfer(count) != 0)
+        return -1;
+    // Only a seek can put the length at the sentinel; reading stops one byte short of it.
+    const unsigned int end = m_length < kLastPosition ? m_length : kLastPosition;
     char* out = static_cast<char*>(buffer);
     unsigned int total = 0;
     unsigned int remaining = count;
     while (remaining > 0) {
-        if (m_position == m_length)
+        if (m_position >= end)
             break;
         const char* page = getCurrentBuffer();
         const unsigned int offset = m_position % m_pageSize;
-        // The last page holds only up to the length.
-        const unsigned int available = (m_length / m_pageSize == m_position / m_pageSize)
-                                           ? m_length % m_pageSize - offset
+        // The last page holds only up to the end.
+        const unsigned int available = (end / m_pageSize == m_position / m_pageSize)
+                                           ? end % m_pageSize - offset
                                            : m_pageSize - offset;
         const unsigned int chunk = remaining < available ? remaining : available;
         std::memcpy(out + total, page + offset, chunk);
@@ -172,6 +198,10 @@ int HXLVirtualFile::read(void* buffer, unsigned int count) {
 }
 
 int HXLVirtualFile::write(const void* data, unsigned int count) {
+    // Before the compressor, which would read all of `count`, and before an override of
+    // writeImpl.
+    if (count > 0 && refuseTransfer(count) != 0)
+        return -1;
     if (!m_compress)
         return static_cast<int>(static_cast<unsigned int>(writeImpl(data, count)));
     if (m_gzipStream == NULL) {
@@ -181,7 +211,10 @@ int HXLVirtualFile::write(const void* data, unsigned int count) {
         HXL_TRANSLATE("HXLVirtualFile");
         if (m_gzipStream == NULL)
             HXL_THROW(HXLOutOfMemoryError(0, NULL), "HXLVirtualFile");
-        m_gzipStream->setOutputStream(&m_outputStream);
+        // Laundered so that the compiler, which knows the type that was just constructed,
+        // cannot turn this into a direct call: the streams library is only required to export
+        // the constructor, and every other operation is reached through the object.
+        std::launder(m_gzipStream)->setOutputStream(&m_outputStream);
     }
     // An empty write goes on as well: it starts the member even when nothing follows.
     m_gzipStream->write(static_cast<const char*>(data), count);
@@ -191,9 +224,17 @@ int HXLVirtualFile::write(const void* data, unsigned int count) {
 unsigned long long HXLVirtualFile::writeImpl(const void* data, unsigned int count) {
     if (count == 0)
         return 0;
+    if (refuseTransfer(count) != 0)
+        return kRefused;
+    if (m_position >= kLastPosition) {
+        fail(EFBIG);
+        return kRefused;
+    }
+    // At the end of the position range the write stops short, as on a device that is full.
+    const unsigned int left = kLastPosition - m_position;
     const char* in = static_cast<const char*>(data);
     unsigned int total = 0;
-    unsigned int remaining = count;
+    unsigned int remaining = count < left ? count : left;
     while (remaining > 0) {
         char* page = getCurrentBuffer();
         const unsigned int offset = m_position % m_pageSize;
@@ -216,19 +257,21 @@ unsigned long long HXLVirtualFile::writeImpl(const void* data, unsigned int coun
 }
 
 int HXLVirtualFile::seek(int offset, HXLFmFile::seekorigin origin) {
-    const unsigned int oldPosition = m_position;
     const unsigned int delta = static_cast<unsigned int>(offset); // wraps: a negative offset
+    unsigned int position;
     if (origin == HXLFmFile::eSeekCurrent)
-        m_position = oldPosition + delta;
+        position = m_position + delta;
     else if (origin == HXLFmFile::eSeekEnd)
-        m_position = m_length + delta;
+        position = m_length + delta;
     else
-        m_position = delta;
+        position = delta;
+    // Leaving the mapped page: give it back while m_position still names it. The old position
+    // may be 0xFFFFFFFF, which dismissBuffer would take for the new one.
+    if (m_currentBuffer != NULL && !inSamePage(m_position, position))
+        dismissBuffer(kCurrentPosition);
+    m_position = position;
     if (m_position > m_length)
         m_length = m_position;
-    if (inSamePage(oldPosition, m_position) || m_currentBuffer == NULL)
-        return static_cast<int>(m_position);
-    dismissBuffer(oldPosition);
     return static_cast<int>(m_position);
 }
 

@@ -15,9 +15,20 @@ class HXLVirtualMemoryMgr;
 //
 // One position serves reading and writing. At most one page is mapped at a time, with one
 // reference held on it: a transfer that stops inside a page keeps that page mapped for the
-// next one. Positions and the length are unsigned 32-bit byte counts below 0xFFFFFFFF; one
-// read or write moves at most 0x7FFFFFFF bytes. read and write need an open file, getLength
-// and seek don't.
+// next one. Positions and the length are unsigned 32-bit byte counts. seek takes every value
+// and wraps at 32 bits; a transfer never moves the position past 0xFFFFFFFE, so it never wraps
+// onto the start of the file.
+//
+// Errors of transfers (read, write, writeImpl) follow the base class: a transfer that cannot
+// start returns -1 and records the error number (getLastErrorNumber), having touched no byte,
+// neither the caller's nor the file's, and changed nothing:
+//   EBADF   the file has no store (not opened, or opened with a null store);
+//   EINVAL  a count above 0x7FFFFFFF;
+//   EFBIG   a write at position 0xFFFFFFFE or beyond, where no byte fits any more.
+// A count of 0 returns 0 before any of these tests. A page the store cannot give, because it
+// cannot be allocated or cannot be brought back into memory, raises HXLOutOfMemoryError; what
+// was transferred before stays transferred, the position and the length stand behind the last
+// whole piece, and no page is left mapped. getLength and seek need no store.
 //
 // Opened with compression, write() deflates into successive gzip members (one from the first
 // write after a close() up to the next close()); read() gives the stored, compressed bytes.
@@ -30,8 +41,8 @@ class HXLVirtualMemoryMgr;
 //
 // Paging: every page but that one may leave memory between calls.
 //
-// Exceptions: read, write, close and reset throw what the manager throws when a page cannot be
-// allocated (HXLOutOfMemoryError); write, close and reset also pass on what the compressor
+// Exceptions: read, write, close and reset throw HXLOutOfMemoryError when a page cannot be
+// allocated or brought back into memory; write, close and reset also pass on what the compressor
 // throws; open with a budget throws HXLOutOfMemoryError when the store cannot be made. The
 // operations inherited from HXLFmFile report failures by their results; the destructor lets
 // nothing out.
@@ -68,14 +79,17 @@ public:
     ~HXLVirtualFile() override;
 
     // Copies up to `count` bytes from the position on into `buffer` and moves the position by
-    // as many. Returns the bytes copied: fewer than `count` only at the end of the data, 0
-    // there. Pages in a gap left by a seek get their blocks here, with whatever bytes a fresh
-    // block holds. Throws what the manager throws when a page cannot be allocated.
+    // as many. Returns the bytes copied: fewer than `count` only at the end of the data (or at
+    // 0xFFFFFFFE), 0 there; -1 when refused (see above). Pages in a gap left by a seek get their
+    // blocks here, with whatever bytes a fresh block holds. Throws HXLOutOfMemoryError when a
+    // page cannot be had.
     int read(void* buffer, unsigned int count) override;
     // Without compression: stores `count` bytes at the position, moves it and lengthens the
     // file as needed; returns the low 32 bits of writeImpl's result. With compression: hands
     // the bytes to the running compressor (made here if there is none) and returns `count`,
-    // however much of it has reached the pages yet.
+    // however much of it has reached the pages yet. -1 when refused (see above), before the
+    // compressor or writeImpl sees the bytes. Throws HXLOutOfMemoryError when a page cannot be
+    // had.
     int write(const void* data, unsigned int count) override;
     // Moves the position to `offset` from the start (origin 0 or any value other than 1 and
     // 2), from the position (1) or from the length (2), wrapping at 32 bits. A position past
@@ -113,7 +127,9 @@ public:
 protected:
     // Stores `count` (at most 0x7FFFFFFF) bytes at the position, page by page, moving the
     // position and lengthening the file behind each page's piece. Every stored byte, plain or
-    // compressed, comes through here. Returns `count`.
+    // compressed, comes through here. Returns `count`, or fewer when the position reaches
+    // 0xFFFFFFFE; -1 widened to 64 bits when refused (see above). Throws HXLOutOfMemoryError
+    // when a page cannot be had.
     virtual unsigned long long writeImpl(const void* data, unsigned int count);
 
 private:
@@ -122,8 +138,12 @@ private:
     HXLVirtualPageItem& getPage(unsigned int position);
     HXLVirtualPageItem& getCurrentPage();
     // The mapping of the page at the position; maps it, allocating its block on first touch,
-    // when nothing is mapped.
+    // when nothing is mapped. Throws HXLOutOfMemoryError, leaving nothing mapped, when the
+    // store gives no address.
     char* getCurrentBuffer();
+    // -1, with the error number recorded, when a transfer of `count` (> 0) bytes cannot
+    // start; else 0.
+    int refuseTransfer(unsigned int count);
     // Gives back the mapped page, which holds byte `position` (0xFFFFFFFF: the position).
     void dismissBuffer(unsigned int position);
     bool inSamePage(unsigned int a, unsigned int b) const;

@@ -186,6 +186,12 @@ void HXLFixedMemoryPool::free(void* p) {
     }
     ElementHeader* rh = headerOf(p);
     shortTest(rh);
+    if (rh->m_inUse == 0) {
+        // Freed twice: linking it again would hand the element to two callers.
+        if ((m_flags & kFlagAbort) != 0)
+            std::abort();
+        HXL_ASSERT_NAMED(rh->m_inUse != 0, "Element freed twice in HXLFixedMemoryPool::free");
+    }
     rh->m_inUse = 0;
     Chunk* chunk =
         reinterpret_cast<Chunk*>(reinterpret_cast<unsigned char*>(rh) - rh->m_chunkOffset);

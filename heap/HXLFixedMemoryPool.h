@@ -26,8 +26,8 @@
 //
 // Exceptions: the constructor throws HXLAssertError for an element that does not fit a chunk;
 // a damaged header throws HXLAssertError (or aborts, with the abort flag set) from the calls
-// that test headers; alloc and grow throw HXLOutOfMemoryError when operator new fails. Running
-// out of elements is a null alloc.
+// that test headers, and from free for a header-mode element freed twice; alloc and grow throw
+// HXLOutOfMemoryError when operator new fails. Running out of elements is a null alloc.
 class HXLFixedMemoryPool {
 public:
     // The layout of a chunk. Chunks are raw blocks from operator new(32768); this struct only
@@ -70,6 +70,8 @@ public:
     void* alloc();
     // Takes an element of this pool back; null does nothing (beyond the scan when detection is
     // on). Overwrites the first 8 bytes of the element. A damaged header is reported as in alloc.
+    // In header mode an element that is free already is refused the same way (HXLAssertError,
+    // or abort() with the abort flag set), and nothing changes; plain mode cannot tell.
     void free(void* p);
     // Adds one chunk and carves it for this pool's element size. A non-null chunk is a block of
     // kChunkBytes bytes from operator new (e.g. from reclaim of any pool), which the pool now

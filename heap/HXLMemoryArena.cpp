@@ -183,6 +183,14 @@ void HXLMemoryArena::expand(unsigned int amount) {
     ++m_expansions;
 }
 
+int HXLMemoryArena::size2Bin(unsigned int size) {
+    return size2Index(size);
+}
+
+unsigned int HXLMemoryArena::bin2Size(int bin) {
+    return index2Size(bin);
+}
+
 void HXLMemoryArena::checkForMemoryOverWrite() const {
     if (m_pools.empty())
         return;
@@ -232,7 +240,7 @@ void HXLMemoryArena::dumpStats(std::ostream& os) {
         int chunksInUse = 0;
         m_pools[static_cast<std::size_t>(bin)]->info(&chunkSize, &chunkCount, &elementsPerChunk,
                                                      &chunksInUse);
-        os << "  Bin [" << bin + 1 << "] - Size: " << bin2Size(bin) << std::endl;
+        os << "  Bin [" << bin + 1 << "] - Size: " << index2Size(bin) << std::endl;
         // The product is widened: a bin past 2 GB must not overflow a signed int.
         os << "     Chunk Size: " << chunkSize << ", Chunk Count: " << chunkCount
            << ", Chunks InUse: " << chunksInUse

@@ -31,8 +31,8 @@ class HXLFixedMemoryPool;
 //
 // Exceptions: see the constructor; alloc throws HXLOutOfMemoryError when a chunk cannot be had
 // and std::bad_alloc when a large block cannot be recorded; alloc (with detection on) and free
-// throw HXLAssertError on a damaged header, free also for null and for a block this arena does
-// not hold. Running out of budget is a null alloc.
+// throw HXLAssertError on a damaged header, free also for null, for a bin element freed twice and
+// for a block this arena does not hold. Running out of budget is a null alloc.
 class HXLMemoryArena {
 public:
     // numVarBins: the number of bins, 0 to 4093. maxAllowed: the budget in bytes, 0 for 262144.
@@ -51,15 +51,16 @@ public:
     // a damaged header found with detection on.
     void* alloc(unsigned int size);
     // Takes back a block of either kind from this arena. Throws HXLAssertError for null, for a
-    // damaged header and for a non-bin size that this arena does not hold.
+    // damaged header, for a bin element that is free already (or aborts, as its bin's abort flag
+    // says) and for a non-bin size that this arena does not hold.
     void free(void* mem);
     // Raises the budget and its ceiling by the greater of amount and the chunk size, plus 8.
     void expand(unsigned int amount);
 
     // (size - 1) >> 3 in 32-bit arithmetic, not checked against the number of bins.
-    int size2Bin(unsigned int size) const { return size2Index(size); }
+    int size2Bin(unsigned int size);
     // 8 * bin + 8, not checked.
-    unsigned int bin2Size(int bin) const { return index2Size(bin); }
+    unsigned int bin2Size(int bin);
     int getNumVarBins() const { return m_numVarBins; }
 
     // Scans every bin's headers when detection is on (bin 0's flag speaks for the arena).

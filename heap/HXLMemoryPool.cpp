@@ -119,18 +119,26 @@ void HXLMemoryPool::free(void* memBlock) {
     HXL_ASSERT(memBlock);
     memheader* bp = static_cast<memheader*>(memBlock) - 1;
 
-    // Find p with bp between p and p's next, or beyond either end of the wrapping step.
+    // Find p with bp between p and p's next, or beyond either end of the wrapping step. A block
+    // that is on the list itself stops the walk at itself (hence >=): it would otherwise circle
+    // for ever.
+    const std::uintptr_t block = addr(bp);
     memheader* p = m_rover;
+    std::uintptr_t freeStart;
     for (;;) {
-        const std::uintptr_t here = addr(p);
+        freeStart = addr(p);
         const std::uintptr_t next = addr(p->s.next);
-        const std::uintptr_t at = addr(bp);
-        if (at > here && at < next)
+        if (block >= freeStart && block < next)
             break;
-        if (here >= next && (at > here || at < next))
+        if (freeStart >= next && (block >= freeStart || block < next))
             break;
         p = p->s.next;
     }
+    // A block freed before is the free block p, or lies inside it when it was joined to p:
+    // taking it again would hand its bytes to two callers.
+    const std::uintptr_t freeEnd = addr(p + p->s.units);
+    HXL_ASSERT_NAMED(block < freeStart || block >= freeEnd,
+                     "Block freed twice in HXLMemoryPool::free");
 
     // The anchor must never be absorbed, even if it happened to sit right behind a heap block.
     // (As the lower neighbour it cannot absorb bp: with 0 units it ends where it starts.)

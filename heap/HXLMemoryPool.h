@@ -23,8 +23,9 @@
 // the store: no references, nothing pages out. A block is the caller's from alloc to free;
 // memory goes back to the heap with the pool.
 //
-// Exceptions: free throws HXLAssertError for null; alloc throws std::bad_alloc only when a new
-// heap block cannot be recorded. Running out of budget or heap is a null alloc.
+// Exceptions: free throws HXLAssertError for null and for a block freed twice; alloc throws
+// std::bad_alloc only when a new heap block cannot be recorded. Running out of budget or heap
+// is a null alloc.
 class HXLMemoryPool {
 public:
     // The header in front of every block (see the glossary of this file).
@@ -52,7 +53,8 @@ public:
     // Only a failure to record a new heap block throws (the vector's exception).
     void* alloc(unsigned long long nbytes);
     // Puts a block from alloc of this pool back on the free list, joining it to free neighbours.
-    // Throws HXLAssertError for null. Requires a pool that has served an alloc.
+    // Throws HXLAssertError for null and for a block that is free already (nothing changes
+    // then). Requires a pool that has served an alloc.
     void free(void* memBlock);
     // Raises the budget by the greater of amount and the quantum. Takes no memory.
     void expand(unsigned long long amount);

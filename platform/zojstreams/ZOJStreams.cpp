@@ -8,12 +8,6 @@
 #include <new>
 #include <stdexcept>
 
-ZOJOutputStream::~ZOJOutputStream() {}
-
-void ZOJOutputStream::flush() {}
-
-void ZOJOutputStream::close() {}
-
 namespace {
 
 // Compressed bytes are gathered here before they are passed on. 256 KiB keeps the calls into

@@ -1,0 +1,252 @@
+// The paged file: a model of its bytes, position, length and mapping, checked against the store's
+// reference count after every step; misuse and a store that fails; and the compressed write
+// path, whose stored bytes must be gzip that inflates to what was written.
+#include "HXLCore.h"
+#include "HXLVirtualFile.h"
+#include "HXLVirtualMemoryMgr.h"
+
+#include <gtest/gtest.h>
+#include <zlib.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <sys/resource.h>
+
+namespace {
+
+// Objects of `store` with a reference held, read from the leak check's report. The check is
+// switched on for good: each test program is a process of its own.
+int outstandingReferences(HXLVirtualMemoryMgr& store) {
+    HXLVirtualMemoryMgr::setExceptionOnReferenceLeak(1);
+    try {
+        store.throwExceptionOnReferenceLeak();
+        return 0;
+    } catch (const HXLIllegalStateError& e) {
+        return std::atoi(std::strrchr(e.what(), ':') + 1);
+    }
+}
+
+// Inflates the gzip members of `gz` one behind the other; fails the test on damaged input.
+std::string gunzip(const std::string& gz) {
+    std::string out;
+    z_stream zs{};
+    int rc = inflateInit2(&zs, 15 + 16);
+    zs.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(gz.data()));
+    zs.avail_in = static_cast<uInt>(gz.size());
+    char buffer[4096];
+    // Behind the end of a member the next one follows directly.
+    while (rc == Z_OK || (rc == Z_STREAM_END && zs.avail_in > 0 && inflateReset(&zs) == Z_OK)) {
+        zs.next_out = reinterpret_cast<Bytef*>(buffer);
+        zs.avail_out = sizeof buffer;
+        rc = inflate(&zs, Z_NO_FLUSH);
+        out.append(buffer, sizeof buffer - zs.avail_out);
+    }
+    EXPECT_EQ(rc, Z_STREAM_END) << "damaged or truncated gzip stream";
+    inflateEnd(&zs);
+    return out;
+}
+
+// Random bytes: deflate gets nothing out of them, so its output is as large as its input.
+std::string sample(size_t size, unsigned seed) {
+    std::mt19937 rng(seed);
+    std::string s(size, '\0');
+    std::generate(s.begin(), s.end(), [&rng] { return static_cast<char>(rng()); });
+    return s;
+}
+
+// Records every byte that reaches writeImpl, and can be made to fail there.
+struct RecordingFile : HXLVirtualFile {
+    std::string stored;
+    bool fail = false;
+    unsigned long long writeImpl(const void* data, unsigned int count) override {
+        if (fail)
+            throw std::runtime_error("disk full");
+        stored.append(static_cast<const char*>(data), count);
+        return HXLVirtualFile::writeImpl(data, count);
+    }
+};
+
+std::string readAll(HXLVirtualFile& file) {
+    std::string out(static_cast<size_t>(file.getLength()), '\0');
+    file.seek(0, HXLFmFile::eSeekBegin);
+    EXPECT_EQ(file.read(&out[0], static_cast<unsigned int>(out.size())), file.getLength());
+    return out;
+}
+
+void runModel(unsigned int openedWith, unsigned int seed) {
+    SCOPED_TRACE(testing::Message() << "page size " << openedWith << ", seed " << seed);
+    const unsigned int pageSize = openedWith != 0 ? openedWith : 8192;
+    HXLVirtualMemoryMgr store(64 * 1024, 0, 64); // a budget far below the file's size
+    std::mt19937 rng(seed);
+    const unsigned int limit = 400 * 1024;
+    // Bytes never written hold what a fresh block held: unknown until a read shows them.
+    std::vector<char> bytes(limit), buffer;
+    std::vector<bool> known(limit);
+    unsigned int pos = 0, len = 0;
+    bool mapped = false;
+    {
+        HXLVirtualFile file;
+        file.open(&store, 0, openedWith, false);
+        for (int step = 0; step < 3000; ++step) {
+            const unsigned int op = rng() % 20, n = rng() % (3 * pageSize);
+            if (op < 13) { // write (below 7) or read
+                const bool reading = op >= 7;
+                const unsigned int moved = std::min(n, (reading ? len : limit) - pos);
+                buffer.resize(moved);
+                for (char& c : buffer)
+                    c = reading ? 0 : static_cast<char>(rng());
+                ASSERT_EQ(reading ? file.read(buffer.data(), n) : file.write(buffer.data(), moved),
+                          static_cast<int>(moved));
+                for (unsigned int at = pos; at < pos + moved; ++at) {
+                    ASSERT_FALSE(reading && known[at] && buffer[at - pos] != bytes[at]) << at;
+                    bytes[at] = buffer[at - pos];
+                    known[at] = true;
+                }
+                pos += moved;
+                if (moved > 0) // a transfer keeps its last page mapped unless it ended there
+                    mapped = pos % pageSize != 0;
+            } else if (op < 18) { // seek by every origin (7 counts from the start), past the end
+                const unsigned int target =
+                    std::min<unsigned int>(rng() % (len + 2 * pageSize + 1), limit);
+                const int origin = static_cast<int>(rng() % 4);
+                const unsigned int from = origin == 1 ? pos : origin == 2 ? len : 0;
+                ASSERT_EQ(file.seek(static_cast<int>(target - from),
+                                    static_cast<HXLFmFile::seekorigin>(origin == 3 ? 7 : origin)),
+                          static_cast<int>(target));
+                mapped = mapped && pos / pageSize == target / pageSize;
+                pos = target;
+            } else if (op == 18) {
+                ASSERT_EQ(file.close(), 1);
+                mapped = false;
+            } else {
+                const bool disposePages = rng() % 2 == 0; // new blocks from here on
+                file.reset(disposePages);
+                pos = len = 0;
+                mapped = false;
+                if (disposePages)
+                    known.assign(limit, false);
+            }
+            len = std::max(len, pos);
+            ASSERT_EQ(file.getLength(), static_cast<int>(len)) << "step " << step;
+            ASSERT_EQ(file.seek(0, HXLFmFile::eSeekCurrent), static_cast<int>(pos));
+            ASSERT_EQ(outstandingReferences(store), mapped ? 1 : 0) << "step " << step;
+        }
+        // Far seeks wrap at 32 bits; positions from 0x80000000 on come back negative.
+        ASSERT_EQ(file.seek(INT_MIN, HXLFmFile::eSeekCurrent), static_cast<int>(pos + 0x80000000u));
+        ASSERT_EQ(file.getLength(), static_cast<int>(pos + 0x80000000u));
+        ASSERT_EQ(file.seek(INT_MIN, HXLFmFile::eSeekCurrent), static_cast<int>(pos));
+        // At the end of the range a write stops short of 0xFFFFFFFF instead of wrapping onto
+        // byte 0, then is refused, as is a count of 2 GiB; the page it leaves mapped goes back
+        // with a seek away from 0xFFFFFFFF (checked below).
+        ASSERT_EQ(file.seek(-5, HXLFmFile::eSeekBegin), -5);
+        ASSERT_EQ(file.write("0123456789", 10), 3);
+        ASSERT_EQ(file.write("x", 1) + file.read(buffer.data(), 0x80000000u), -2);
+        ASSERT_EQ(file.seek(-1, HXLFmFile::eSeekBegin) + file.seek(0, HXLFmFile::eSeekBegin), -1);
+    }
+    EXPECT_EQ(outstandingReferences(store), 0) << "the destructor gives the mapping back";
+}
+
+} // namespace
+
+TEST(HXLVirtualFileModel, RandomOperationsAgreeWithTheModel) {
+    for (unsigned int pageSize : {0u, 777u, 1000u, 4097u, 12289u}) // 0: the default, 8192
+        for (unsigned int seed : {1u, 2u})
+            runModel(pageSize, seed);
+}
+
+// A file size limit makes the page file's writes fail (EFBIG, with SIGXFSZ ignored) as on a full
+// disk: a page that can be neither made nor brought back raises HXLOutOfMemoryError, and what
+// was stored stays.
+TEST(HXLVirtualFile, AFullStoreRaisesOutOfMemoryAndKeepsWhatWasStored) {
+    char buffer[16] = {};
+    rlimit saved{};
+    ::getrlimit(RLIMIT_FSIZE, &saved);
+    const rlimit full = {256 * 1024, saved.rlim_max};
+    std::signal(SIGXFSZ, SIG_IGN);
+    ::setrlimit(RLIMIT_FSIZE, &full);
+    const std::string data = sample(10000, 3);
+    HXLVirtualMemoryMgr store(64 * 1024, 0, 64);
+    HXLVirtualFile file;
+    file.open(&store, 0, 4096, false);
+    EXPECT_THROW(while (file.getLength() < (1 << 24)) file.write(data.data(), 10000),
+                 HXLOutOfMemoryError);
+    EXPECT_EQ(file.seek(0, HXLFmFile::eSeekEnd) % 4096, 0) << "behind the last whole page";
+    file.seek(0, HXLFmFile::eSeekBegin);
+    EXPECT_THROW(file.read(buffer, 16), HXLOutOfMemoryError);
+    EXPECT_THROW(file.write(buffer, 16), HXLOutOfMemoryError);
+    EXPECT_EQ(file.seek(0, HXLFmFile::eSeekCurrent) + outstandingReferences(store), 0);
+    ::setrlimit(RLIMIT_FSIZE, &saved);
+    EXPECT_EQ(file.read(buffer, 16), 16) << "the disk has room again";
+    EXPECT_EQ(std::string(buffer, 16), data.substr(0, 16));
+}
+
+TEST(CompressedFile, MembersInflateToWhatWasWrittenAndResetOrDestructionEndsThem) {
+    HXLVirtualMemoryMgr store(32 * 1024, 0, 64);
+    const std::string first = sample(300000, 1), second = sample(5000, 2);
+    {
+        HXLVirtualFile borrowing, owning, neverOpened; // the owning one deletes its store
+        borrowing.open(&store, 0, 1000, true);
+        owning.open(16 * 1024u, 0, 1000, true);
+        borrowing.write(first.data(), 20000);
+        owning.write(first.data(), 20000);
+        EXPECT_EQ(neverOpened.write("x", 1) + neverOpened.read(nullptr, 1), -2) << "no store";
+        EXPECT_EQ(neverOpened.getLastErrorNumber(), unsigned(EBADF));
+    }
+    EXPECT_EQ(outstandingReferences(store), 0) << "destruction with a compressor running";
+    RecordingFile file;
+    file.open(&store, 0, 1000, true);
+    EXPECT_EQ(file.close() + file.getLength(), 1) << "no write, no compressor, nothing stored";
+    EXPECT_EQ(file.write(first.data(), 100000), 100000);
+    EXPECT_EQ(file.write(first.data() + 100000, 200000), 200000);
+    file.close();
+    // Behind a close the next write starts a new member where the position stands; an empty
+    // write makes one too, and a finish that fails keeps its compressor for the next close.
+    EXPECT_EQ(file.write(second.data(), 5000), 5000);
+    file.close();
+    const size_t twoMembers = file.stored.size();
+    EXPECT_EQ(file.write(nullptr, 0), 0);
+    file.fail = true;
+    EXPECT_THROW(file.close(), std::runtime_error);
+    file.fail = false;
+    EXPECT_EQ(file.close(), 1);
+    const std::string stored = readAll(file);
+    EXPECT_GE(stored.size(), twoMembers + 18) << "an empty member has header and trailer";
+    EXPECT_EQ(gunzip(stored), first + second);
+
+    // A reset with a compressor running finishes its member before the length goes to 0.
+    for (bool disposePages : {false, true}) {
+        file.stored.clear();
+        file.write(first.data(), 20000);
+        file.reset(disposePages);
+        EXPECT_EQ(file.getLength() + outstandingReferences(store), 0);
+        ASSERT_EQ(gunzip(file.stored), first.substr(0, 20000));
+        file.write("again", 5); // a fresh member from position 0
+        file.close();
+        EXPECT_EQ(gunzip(readAll(file)), "again");
+    }
+    EXPECT_EQ(file.write(first.data(), 0x80000000u), -1) << "refused before the compressor";
+
+    // Random bytes don't deflate: the compressor's output fills and reaches the pages long
+    // before it has taken the whole write. A page failing then ends the member short: what it
+    // had not taken is dropped, and the caller's buffer, reused after the throw, is not read by
+    // the finish.
+    std::string buffer = first;
+    file.reset(true);
+    file.fail = true;
+    EXPECT_THROW(file.write(buffer.data(), 300000), std::runtime_error);
+    buffer.assign(buffer.size(), 'x');
+    file.fail = false;
+    file.close();
+    const std::string shorter = gunzip(readAll(file));
+    EXPECT_LT(shorter.size(), first.size());
+    EXPECT_EQ(shorter, first.substr(0, shorter.size()));
+}
