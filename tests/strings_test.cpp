@@ -1,9 +1,9 @@
-// String handles: round trips in both stored forms, stored sizes, reuse or move of the block,
-// empty values, the comparison rules, null stores, reference balance, and strings as members
-// of stored nodes that leave memory.
+// String handles: round trips in both stored forms as members of stored nodes that leave
+// memory, stored sizes, reuse or move of the block, empty values, the comparison rules, null
+// stores, and reference balance.
 #include "HXLVirtualI18NString.h"
 #include "HXLVirtualUTF8String.h"
-#include "nodes_test_util.h"
+#include "store_test_util.h"
 
 #include <gtest/gtest.h>
 
@@ -18,40 +18,61 @@ I18NString text(const std::string& utf8) {
     return I18NString(utf8.c_str(), NULL, -1, NULL, NULL);
 }
 std::string utf8Of(const I18NString& value) {
-    int length = 0;
-    const char* bytes = value.c_str(NULL, &length, NULL, NULL);
-    return std::string(bytes, length - 1);
+    return value.c_str(NULL, NULL, NULL, NULL);
 }
 
-TEST(Strings, RoundTripsStoredSizesAndReferences) {
-    HXLVirtualContainer container(kBudget, 0, 0);
-    HXLVirtualMemoryMgr* memMgr = container.getMemoryMgr();
-    // ASCII, two- and three-byte characters, and a four-byte one (a surrogate pair inside).
-    const std::pair<const char*, unsigned int> values[] = {
-        {"plain ASCII", 22}, {"Gr\xC3\xBC\xC3\x9F \xE4\xB8\x96", 12}, {"\xF0\x9F\x98\x80", 4}};
-    for (const auto& v : values) { // the value, and the stored size of its UTF-16 form
-        SCOPED_TRACE(v.first);
-        const I18NString original = text(v.first);
-        HXLVirtualUTF8String utf8, copy;
-        utf8.setString(original, &container);
-        EXPECT_EQ(utf8.getSize(), std::strlen(v.first)); // bytes of UTF-8, not characters
-        EXPECT_EQ(utf8Of(utf8.getString(memMgr)), v.first);
-        EXPECT_EQ(utf8.isEqual(original, &container), 1);
-        HXLI18NBuffer buffer;
-        utf8.getI18NBuffer(buffer, memMgr);
-        copy.setString(buffer, &container);
-        EXPECT_EQ(copy.isEqual(utf8, &container), 1);
-        const void* raw = utf8.getObjectPtr(&container); // the one call that keeps a reference
-        EXPECT_EQ(std::memcmp(raw, v.first, utf8.getSize()), 0);
-        EXPECT_EQ(outstandingReferences(memMgr), 1u);
-        memMgr->dismiss(utf8);
+// The handles lie in the node's image, the bytes in blocks of their own.
+class Person : public HXLVirtualTreeNode {
+    HXL_VIRTUAL_NODE_CLASS(Person)
+public:
+    HXLVirtualUTF8String m_name;
+    HXLVirtualI18NString m_motto;
+};
 
-        HXLVirtualI18NString internal;
-        internal.setString(original, memMgr);
-        EXPECT_EQ(internal.getSize(), v.second);
-        EXPECT_TRUE(internal.getString(&container) == original);
-        EXPECT_EQ(outstandingReferences(memMgr), 0u);
+TEST(Strings, MembersOfStoredNodesSurvivePaging) {
+    HXLVirtualTree tree(kBudget, 0, 0);
+    HXLVirtualMemoryMgr* memMgr = tree.getMemoryMgr();
+    // ASCII, two- and three-byte characters, and a four-byte one (a surrogate pair inside),
+    // with their UTF-16 units; each value has a tail of its own.
+    const std::pair<const char*, size_t> samples[] = {
+        {"plain ASCII", 11}, {"Gr\xC3\xBC\xC3\x9F \xE4\xB8\x96", 6}, {"\xF0\x9F\x98\x80", 2}};
+    auto valueOf = [&](int i) {
+        return samples[i % 3].first + std::string(i % 50, '*') + std::to_string(i);
+    };
+    const int kPeople = 2000; // nodes and strings about ten times the budget
+    for (int i = 0; i < kPeople; ++i) {
+        Person* person = make<Person>(tree);
+        person->m_name.setString(text(valueOf(i)), &tree);
+        person->m_motto.setString(text(valueOf(i)), memMgr);
+        tree.getRootNode()->appendChild(person);
+        person->dismiss();
     }
+    EXPECT_TRUE(pagedOut(memMgr));
+    int i = 0;
+    for (HXLVirtualTreeNode* node = tree.getRootNode()->getFirstChild(); node != NULL;
+         node = node->getNextSibling(1), ++i) {
+        Person* person = static_cast<Person*>(node);
+        const std::string value = valueOf(i);
+        ASSERT_EQ(utf8Of(person->m_name.getString(&tree)), value);
+        ASSERT_TRUE(person->m_motto.getString(memMgr) == text(value));
+        ASSERT_EQ(person->m_name.getSize(), value.size()); // bytes of UTF-8, not characters
+        ASSERT_EQ(person->m_motto.getSize(),
+                  2 * (samples[i % 3].second + i % 50 + std::to_string(i).size()));
+        ASSERT_EQ(person->m_name.isEqual(text(value), memMgr) +
+                      person->m_motto.isEqual(text(value), &tree),
+                  2);
+        HXLI18NBuffer buffer;
+        HXLVirtualUTF8String copy;
+        person->m_name.getI18NBuffer(buffer, memMgr);
+        copy.setString(buffer, &tree);
+        ASSERT_EQ(copy.isEqual(person->m_name, &tree), 1);
+        const void* raw = person->m_name.getObjectPtr(&tree); // the one call that keeps a reference
+        ASSERT_EQ(std::memcmp(raw, value.data(), value.size()), 0);
+        ASSERT_EQ(outstandingReferences(memMgr), 2u); // the person's and the name's
+        memMgr->dismiss(person->m_name);
+    }
+    EXPECT_EQ(i, kPeople);
+    EXPECT_EQ(outstandingReferences(memMgr), 0u);
 }
 
 TEST(Strings, ShorterValueKeepsTheBlockEqualOrLongerMovesEmptyChangesNothing) {
@@ -105,41 +126,6 @@ TEST(Strings, ComparisonRulesAndNullStores) {
     }
     EXPECT_EQ(utf8Of(u1.getString(&container)) + utf8Of(i1.getString(&container)), "samesame");
     EXPECT_EQ(outstandingReferences(memMgr), 0u);
-}
-
-// A stored node with text members: the handles lie in the node's image, the bytes in blocks of
-// their own, and both leave memory.
-class Person : public HXLVirtualTreeNode {
-    HXL_VIRTUAL_NODE_CLASS(Person)
-public:
-    HXLVirtualUTF8String m_name;
-    HXLVirtualI18NString m_motto;
-};
-
-TEST(Strings, MembersOfStoredNodesSurvivePaging) {
-    HXLVirtualTree tree(kBudget, 0, 0);
-    const int kPeople = 2000; // nodes and strings about ten times the budget
-    auto nameOf = [](int i) { return "person \xE2\x84\x96" + std::to_string(i); };
-    auto mottoOf = [](int i) {
-        return std::string(i % 50, '*') + " \xF0\x9F\x98\x80 " + std::to_string(i);
-    };
-    for (int i = 0; i < kPeople; ++i) {
-        Person* person = make<Person>(tree);
-        person->m_name.setString(text(nameOf(i)), &tree);
-        person->m_motto.setString(text(mottoOf(i)), &tree);
-        tree.getRootNode()->appendChild(person);
-        person->dismiss();
-    }
-    EXPECT_TRUE(pagedOut(tree.getMemoryMgr()));
-    int i = 0;
-    for (HXLVirtualTreeNode* node = tree.getRootNode()->getFirstChild(); node != NULL;
-         node = node->getNextSibling(1), ++i) {
-        Person* person = static_cast<Person*>(node);
-        ASSERT_EQ(utf8Of(person->m_name.getString(&tree)), nameOf(i));
-        ASSERT_EQ(person->m_motto.isEqual(text(mottoOf(i)), &tree), 1);
-    }
-    EXPECT_EQ(i, kPeople);
-    EXPECT_EQ(outstandingReferences(tree.getMemoryMgr()), 0u);
 }
 
 } // namespace

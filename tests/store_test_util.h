@@ -1,0 +1,60 @@
+// Helpers shared by the tests of the store and what is built on it: what the mapper report says
+// about references and paging, what an operation throws, and making nodes of a class.
+#ifndef STORE_TEST_UTIL_H
+#define STORE_TEST_UTIL_H
+
+#include "HXLCore.h"
+#include "HXLVirtualMemoryMgr.h"
+#include "HXLVirtualNodeClass.h"
+#include "HXLVirtualTree.h"
+#include "HXLVirtualTreeNode.h"
+
+#include <sstream>
+#include <string>
+
+inline std::string mapperReport(HXLVirtualMemoryMgr& memMgr, int flags) {
+    std::ostringstream report;
+    memMgr.dumpMapper(report, flags);
+    return report.str();
+}
+
+// Objects of the store whose reference count is above 0, from the line the mapper report
+// writes whenever there are any.
+inline unsigned long long outstandingReferences(HXLVirtualMemoryMgr* memMgr) {
+    const std::string marker = "Total Objects with reference count > 0 : ";
+    const std::string text = mapperReport(*memMgr, 0);
+    const std::string::size_type at = text.find(marker);
+    return at == std::string::npos ? 0 : std::stoull(text.substr(at + marker.size()));
+}
+
+// Whether any page of the store has been written out.
+inline bool pagedOut(HXLVirtualMemoryMgr* memMgr) {
+    return mapperReport(*memMgr, HXLVirtualMemoryMgr::eDumpStats).find("Page Outs: 0\n") ==
+           std::string::npos;
+}
+
+// What `call` throws, as "kind: text" and then the back-trace, oldest frame first, each as
+// " <- macro" with " function" when one was given; "nothing" if it returns.
+template <class Call> std::string thrown(Call call) {
+    try {
+        call();
+    } catch (const HXLThrowable& e) {
+        std::string out = dynamic_cast<const HXLAssertError*>(&e)         ? "assert: "
+                          : dynamic_cast<const HXLOutOfMemoryError*>(&e)  ? "memory: "
+                          : dynamic_cast<const HXLIllegalStateError*>(&e) ? "state: "
+                          : dynamic_cast<const HXLStdExceptionError*>(&e) ? "std: "
+                                                                          : "other: ";
+        out += e.what();
+        for (const HXLBackTraceFrame& frame : e.getBackTrace())
+            out += " <- " + frame.macro + (frame.function.empty() ? "" : " " + frame.function);
+        return out;
+    }
+    return "nothing";
+}
+
+// A new node of class T with one reference held.
+template <class T> T* make(HXLVirtualContainer& container) {
+    return static_cast<T*>(T::create(&container));
+}
+
+#endif
