@@ -3,33 +3,13 @@
 // temporary files.
 #include "store_test_util.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <cstdlib>
-#include <cstring>
-#include <functional>
 #include <stdexcept>
-#include <string>
 #include <unistd.h>
-#include <vector>
 #include <zlib.h>
 
 namespace {
-
-// The UTF-16 units of the internal form, and the text in an encoding.
-std::u16string units(const I18NString& text) {
-    std::u16string out(text.size() / 2, u'\0');
-    std::memcpy(&out[0], text.getExternalBuffer(), out.size() * 2);
-    return out;
-}
-std::string narrow(const I18NString& text, const char* encoding = nullptr) {
-    int length = 0;
-    const char* bytes = text.c_str(encoding, &length, nullptr, nullptr);
-    return std::string(bytes, length - 1) + (bytes[length - 1] == '\0' ? "" : "<no NUL>");
-}
 
 void thrower(int which) {
     HXL_TRY {
@@ -69,39 +49,37 @@ TEST(HXLCore, ThrownTextsAndBackTraces) {
 }
 
 TEST(I18NString, DecodingLengthsAndEncodings) {
-    // Each maximal invalid subpart becomes one U+FFFD; 4-byte characters become pairs.
+    // Each maximal invalid subpart becomes one U+FFFD, whatever follows: a lone continuation,
+    // overlong 2- and 3-byte forms, an encoded surrogate, a code point above U+10FFFF, bytes
+    // that never start a sequence, sequences cut short in the middle and at the end. 4-byte
+    // characters become surrogate pairs.
     const std::pair<std::string, std::u16string> samples[] = {
         {"", u""},
-        {"plain ASCII", u"plain ASCII"},
-        {"\xC3\xA9t\xE2\x82\xAC \xE4\xB8\xAD", u"\u00E9t\u20AC \u4E2D"},
-        {"\xF0\x9F\x98\x80\xF0\x90\x8D\x88", u"\U0001F600\U00010348"},
-        {"\x80", u"\uFFFD"},                               // lone continuation
-        {"\xC0\xAF", u"\uFFFD\uFFFD"},                     // overlong
-        {"\xE0\x80\x80", u"\uFFFD\uFFFD\uFFFD"},           // overlong 3-byte
-        {"\xED\xA0\x80", u"\uFFFD\uFFFD\uFFFD"},           // encoded surrogate
-        {"\xF4\x90\x80\x80", std::u16string(4, 0xFFFD)},   // above U+10FFFF
-        {"\xF0\x9F\x98", u"\uFFFD"},                       // truncated at the end
-        {"a\xE2\x82\x62\xF0\x9F\x63", u"a\uFFFDb\uFFFDc"}, // truncated in the middle
-        {"\xFF\xFE\xF5\xC1", std::u16string(4, 0xFFFD)},   // bytes that never start a sequence
-        {"\xE1\x80\xE2\xF0\x91\x92\xF1\xBF\x41", u"\uFFFD\uFFFD\uFFFD\uFFFDA"},
-    };
-    for (const auto& s : samples)
-        EXPECT_EQ(units(I18NString(s.first.data(), nullptr, static_cast<int>(s.first.size()),
-                                   nullptr, nullptr)),
-                  s.second)
+        {"plain \xC3\xA9t\xE2\x82\xAC \xE4\xB8\xAD \xF0\x9F\x98\x80\xF0\x90\x8D\x88",
+         u"plain \u00E9t\u20AC \u4E2D \U0001F600\U00010348"},
+        {"\x80|\xC0\xAF|\xE0\x80\x80|\xED\xA0\x80|\xF4\x90\x80\x80|\xFF\xFE\xF5\xC1|",
+         u"\uFFFD|\uFFFD\uFFFD|\uFFFD\uFFFD\uFFFD|\uFFFD\uFFFD\uFFFD|\uFFFD\uFFFD\uFFFD\uFFFD|"
+         u"\uFFFD\uFFFD\uFFFD\uFFFD|"},
+        {"a\xE2\x82\x62\xF0\x9F\x63|\xE1\x80\xE2\xF0\x91\x92\xF1\xBF\x41|\xF0\x9F\x98",
+         u"a\uFFFDb\uFFFDc|\uFFFD\uFFFD\uFFFD\uFFFDA|\uFFFD"}};
+    for (const auto& s : samples) {
+        const I18NString decoded(s.first.data(), nullptr, static_cast<int>(s.first.size()), nullptr,
+                                 nullptr);
+        EXPECT_TRUE(decoded == I18NString(s.second.data(), 2 * s.second.size(), nullptr, nullptr))
             << s.first;
+    }
 
     const char* utf8 = "a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80"; // 1+2+3+4 bytes, 5 units
-    I18NString text(utf8, nullptr, -1, nullptr, nullptr);
-    EXPECT_EQ(text.size(), 10);
-    EXPECT_EQ(narrow(text), utf8);
-    I18NString copy(text.getExternalBuffer(), text.size(), nullptr, nullptr);
-    EXPECT_TRUE(copy == text && !(copy != text));
+    const I18NString value = text(utf8);
+    EXPECT_EQ(value.size(), 10);
+    EXPECT_EQ(narrow(value), utf8);
+    I18NString copy(value.getExternalBuffer(), value.size(), nullptr, nullptr);
+    EXPECT_TRUE(copy == value && !(copy != value) && copy != text(std::string("b") + (utf8 + 1)));
     EXPECT_EQ(narrow(copy), utf8);
     // An explicit length stops early, even inside a sequence; an odd byte is dropped; bad
     // arguments give the empty string, an unpaired surrogate a replacement.
     EXPECT_EQ(narrow(I18NString(utf8, nullptr, 2, nullptr, nullptr)), "a\xEF\xBF\xBD");
-    EXPECT_EQ(I18NString(text.getExternalBuffer(), 3, nullptr, nullptr).size(), 2);
+    EXPECT_EQ(I18NString(value.getExternalBuffer(), 3, nullptr, nullptr).size(), 2);
     EXPECT_TRUE(I18NString(nullptr, nullptr, 5, nullptr, nullptr).empty() &&
                 I18NString(nullptr, 8, nullptr, nullptr).empty() &&
                 I18NString(utf8, -4, nullptr, nullptr).empty());
@@ -110,13 +88,13 @@ TEST(I18NString, DecodingLengthsAndEncodings) {
     EXPECT_EQ(narrow(I18NString()), "");
     // Latin-1 both ways, '?' for what it cannot hold; the cache follows the encoding asked.
     EXPECT_EQ(narrow(I18NString("caf\xE9", "ISO-8859-1", -1, nullptr, nullptr)), "caf\xC3\xA9");
-    EXPECT_EQ(narrow(text, "latin1"), "a\xE9??");
-    EXPECT_EQ(narrow(text), utf8);
+    EXPECT_EQ(narrow(value, "latin1"), "a\xE9??");
+    EXPECT_EQ(narrow(value), utf8);
 
     HXLI18NBuffer buffer;
     EXPECT_EQ(buffer.empty(), 1);
-    buffer = text;
-    EXPECT_TRUE(buffer.empty() == 0 && buffer.getString() == text);
+    buffer = value;
+    EXPECT_TRUE(buffer.empty() == 0 && buffer.getString() == value);
     buffer.clear();
     EXPECT_EQ(buffer.empty(), 1);
 }

@@ -1,16 +1,26 @@
-// Helpers shared by the tests of the store and what is built on it: what the mapper report says
-// about references and paging, what an operation throws, and making nodes of a class.
+// What the tests of the core, the store and what is built on it share: the headers, what the
+// mapper report says about references and paging and what an operation throws.
 #ifndef STORE_TEST_UTIL_H
 #define STORE_TEST_UTIL_H
 
 #include "HXLCore.h"
+#include "HXLVirtualI18NString.h"
 #include "HXLVirtualMemoryMgr.h"
 #include "HXLVirtualNodeClass.h"
 #include "HXLVirtualTree.h"
 #include "HXLVirtualTreeNode.h"
+#include "HXLVirtualUTF8String.h"
 
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <functional>
+#include <random>
+#include <set>
 #include <sstream>
 #include <string>
+#include <vector>
 
 inline std::string mapperReport(HXLVirtualMemoryMgr& memMgr, int flags) {
     std::ostringstream report;
@@ -33,6 +43,17 @@ inline bool pagedOut(HXLVirtualMemoryMgr* memMgr) {
            std::string::npos;
 }
 
+// A string from UTF-8, and a string as UTF-8 or in another encoding, marked if the length that
+// c_str gives does not end at its NUL.
+inline I18NString text(const std::string& utf8) {
+    return I18NString(utf8.c_str(), nullptr, -1, nullptr, nullptr);
+}
+inline std::string narrow(const I18NString& text, const char* encoding = nullptr) {
+    int length = 0;
+    const char* bytes = text.c_str(encoding, &length, nullptr, nullptr);
+    return std::string(bytes, length - 1) + (bytes[length - 1] == '\0' ? "" : "<no NUL>");
+}
+
 // What `call` throws, as "kind: text" and then the back-trace, oldest frame first, each as
 // " <- macro" with " function" when one was given; "nothing" if it returns.
 template <class Call> std::string thrown(Call call) {
@@ -50,11 +71,6 @@ template <class Call> std::string thrown(Call call) {
         return out;
     }
     return "nothing";
-}
-
-// A new node of class T with one reference held.
-template <class T> T* make(HXLVirtualContainer& container) {
-    return static_cast<T*>(T::create(&container));
 }
 
 #endif

@@ -1,17 +1,8 @@
 // The memory manager, the page item pool and the mapper report, over the real paging engine.
 #include "store_test_util.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <cstdlib>
-#include <cstring>
-#include <random>
-#include <regex>
-#include <set>
-#include <string>
 #include <unistd.h>
-#include <vector>
 
 namespace {
 
@@ -22,18 +13,6 @@ void churn(HXLVirtualMemoryMgr& mgr, unsigned count, unsigned size) {
         std::memset(mgr.alloc(size, item), 'a' + i % 26, size);
         mgr.dismiss(item);
     }
-}
-
-// Whether `text` is `pattern`, where '%' stands for any run of characters within a line and
-// '~' for any number of whole lines.
-bool like(const std::string& text, const std::string& pattern) {
-    std::string regex;
-    for (char c : pattern)
-        regex += c == '%'                            ? std::string("[^\n]*")
-                 : c == '~'                          ? std::string("(?:[^\n]*\n)*")
-                 : std::strchr("\\^$.|?*+()[]{}", c) ? std::string("\\") + c
-                                                     : std::string(1, c);
-    return std::regex_match(text, std::regex(regex));
 }
 
 // Restores the process-wide leak switch however a test ends.
@@ -48,20 +27,17 @@ const std::string kLeakFrame = " <- HXL_THROW HXLVirtualMemoryMgr::throwExceptio
 } // namespace
 
 TEST(HXLVirtualMemoryMgr, ConstructorsTakeTheBudgetFromTheirArgument) {
-    // 100 objects of 1000 bytes fit a budget of a megabyte, never one of a byte.
-    HXLVirtualMemoryMgr first(1, 1 << 20, 3), second(1 << 20, 1, 3, 4);
+    // 100 objects of 1000 bytes need a page file under a budget of a byte, not of a megabyte;
+    // under the default of 0x400000 bytes 600 objects of 8000 bytes do.
+    HXLVirtualMemoryMgr first(1, 1 << 20, 3), second(1 << 20, 1, 3, 4), defaulted(0, 0, 0);
     HXLVirtualMemoryMgr third(HXLVirtualMemoryMgr::eMapperVirtual, 1, 1 << 20, 3, 4);
-    HXLVirtualMemoryMgr defaulted(0, 0, 0); // 0x400000 bytes
-    auto hasPageFile = [](HXLVirtualMemoryMgr& mgr) {
-        return mapperReport(mgr, 1).find("\nPaging File - ") != std::string::npos;
-    };
-    for (HXLVirtualMemoryMgr* mgr : {&first, &second, &third, &defaulted})
-        churn(*mgr, 100, 1000);
-    EXPECT_EQ(std::vector<bool>({hasPageFile(first), hasPageFile(second), hasPageFile(third),
-                                 hasPageFile(defaulted)}),
-              std::vector<bool>({true, true, false, false}));
-    churn(defaulted, 600, 8000);
-    EXPECT_TRUE(hasPageFile(defaulted));
+    std::string pageFiles;
+    for (HXLVirtualMemoryMgr* mgr : {&first, &second, &third, &defaulted, &defaulted}) {
+        churn(*mgr, pageFiles.size() < 4 ? 100 : 600, pageFiles.size() < 4 ? 1000 : 8000);
+        pageFiles +=
+            mapperReport(*mgr, 1).find("\nPaging File - ") != std::string::npos ? 'y' : 'n';
+    }
+    EXPECT_EQ(pageFiles, "yynny");
     EXPECT_EQ(first.getMapper(123), nullptr);
 }
 
@@ -101,7 +77,7 @@ TEST(HXLVirtualMemoryMgr, AllocShrinksInPlaceAndMovesOtherwise) {
 TEST(HXLVirtualMemoryMgr, InvalidItemsAndTheReferenceLeakCheck) {
     HXLVirtualMemoryMgr mgr(1 << 16, 0, 0);
     const unsigned long long invalid = HXLVirtualPageItem::getInvalidOffset();
-    HXLVirtualPageItem bad(invalid, 8), a, b;
+    HXLVirtualPageItem bad(invalid, 8), a, b, c;
     EXPECT_EQ(bad.empty(), 0);
     mgr.free(bad);
     mgr.dirty(bad);
@@ -117,25 +93,19 @@ TEST(HXLVirtualMemoryMgr, InvalidItemsAndTheReferenceLeakCheck) {
     EXPECT_EQ(thrown([&] { mgr.alloc(10, bad); }), "assert: HXL_ASSERT(old_ptr); <- HXL_THROW");
     EXPECT_TRUE(bad.getOffset() == invalid && bad.getSize() == 4u);
 
-    // Switched off the check does nothing; on, it counts objects with references, an object
-    // held twice once.
+    // Switched off the check does nothing; on, it counts objects with references (the one the
+    // failed growth made among them), an object held twice once.
     auto check = [&] { mgr.throwExceptionOnReferenceLeak(); };
     EXPECT_EQ(thrown(check), "nothing");
     LeakSwitch on(1);
-    EXPECT_EQ(thrown(check), kLeak + "1" + kLeakFrame);
     mgr.alloc(10, a);
     mgr.alloc(10, b);
     mgr.getAddress(a, 1);
     EXPECT_EQ(thrown(check), kLeak + "3" + kLeakFrame);
-    mgr.dismiss(b);
-    mgr.dismiss(a);
-    EXPECT_EQ(thrown(check), kLeak + "2" + kLeakFrame);
-    mgr.dismiss(a);
 
     // A manager destroyed with references outstanding raises nothing.
     auto* leaky = new HXLVirtualMemoryMgr(0, 0, 0);
-    a.clear();
-    leaky->alloc(100, a);
+    leaky->alloc(100, c);
     EXPECT_NO_THROW(delete leaky);
 }
 
@@ -192,12 +162,18 @@ TEST(HXLVirtualPageItemPool, AgreesWithAnLruModel) {
                 lru.clear();
             const std::string key = std::string("block ", 5 + random() % 2) +
                                     (random() % 3 ? std::string(1, '0' + random() % 6) : "");
-            HXLVirtualPageItem item;
+            const auto hit = std::find_if(lru.begin(), lru.end(),
+                                          [&](const auto& entry) { return entry.first == key; });
+            HXLVirtualPageItem item, owned;
+            if (hit != lru.end()) { // a hit overwrites a non-empty item, releasing nothing
+                mgr.alloc(8, owned);
+                mgr.dismiss(item = owned);
+            }
             mgr.allocUsingPool(std::vector<char>(key.begin(), key.end()).data(), key.size(), item);
-            auto hit = std::find_if(lru.begin(), lru.end(),
-                                    [&](const auto& entry) { return entry.first == key; });
             if (hit != lru.end()) {
                 ASSERT_EQ(item.getOffset(), hit->second) << key;
+                ASSERT_NE(mgr.getAddress(owned, 1), nullptr);
+                mgr.dismiss(owned);
                 std::rotate(lru.begin(), hit, hit + 1);
             } else {
                 ASSERT_TRUE(issued.insert(item.getOffset()).second) << key;
@@ -211,22 +187,10 @@ TEST(HXLVirtualPageItemPool, AgreesWithAnLruModel) {
             mgr.dismiss(item);
         }
         EXPECT_EQ(outstandingReferences(&mgr), 0u) << "a pooled object holds no reference";
-
-        // A hit overwrites a non-empty item without releasing what it named; null data or
-        // size 0 leave the item alone.
-        if (lru.empty())
-            continue;
-        HXLVirtualPageItem owned;
-        mgr.alloc(32, owned);
-        mgr.dismiss(owned);
-        const HXLVirtualPageItem before = owned;
-        mgr.allocUsingPool(nullptr, 16, owned);
-        mgr.allocUsingPool("block", 0, owned);
-        EXPECT_EQ(owned.getOffset(), before.getOffset());
-        mgr.allocUsingPool(lru[0].first.data(), lru[0].first.size(), owned);
-        EXPECT_EQ(owned.getOffset(), lru[0].second);
-        EXPECT_NE(mgr.getAddress(before.getOffset(), 1), nullptr);
-        mgr.dismiss(before.getOffset());
+        HXLVirtualPageItem item(77, 5); // null data or size 0 leave an item alone
+        mgr.allocUsingPool(nullptr, 16, item);
+        mgr.allocUsingPool("block", 0, item);
+        EXPECT_TRUE(item.getOffset() == 77 && item.getSize() == 5);
     }
 }
 
@@ -259,17 +223,15 @@ TEST(HXLVirtualMemoryMgr, DumpMapperTexts) {
     mgr.dismiss(item);
     churn(mgr, 30, 4000);
     const std::string paged = mapperReport(mgr, 1);
-    EXPECT_TRUE(like(paged, title +
-                                "Paging File - /%\nPage file size: % bytes\n\n"
-                                "Mapping Mode - libtcmalloc_virtualmm\nPage size: 8192 bytes\n"
-                                "Mapping Statistics - Virtual Objects (Current/Max/Cumulative):"
-                                " 31/31/32\nPaging Statistics - Reads: 0, Writes: %, Page "
-                                "Outs: %\n\nLarge size block breakdown\n"
-                                "--------------------------\n"
-                                "Pages: 3, Spans: 1, Alloc: 24576 bytes\n"
-                                "Fixed-size pool breakdown\n-------------------------\n~\n" +
-                                end))
-        << paged;
+    EXPECT_EQ(paged.find(title + "Paging File - /"), 0u) << paged;
+    for (const char* section :
+         {" bytes\n\nMapping Mode - libtcmalloc_virtualmm\nPage size: 8192 bytes\nMapping "
+          "Statistics "
+          "- Virtual Objects (Current/Max/Cumulative): 31/31/32\nPaging Statistics - Reads: 0, ",
+          "\n\nLarge size block breakdown\n--------------------------\nPages: 3, Spans: 1, Alloc: "
+          "24576 bytes\nFixed-size pool breakdown\n-------------------------\n  Pool [0] - Size: "})
+        EXPECT_NE(paged.find(section), std::string::npos) << section;
+    EXPECT_EQ(paged.substr(paged.size() - end.size() - 1), "\n" + end);
 
     // A stream that throws on failure ends the dump; the leak checker sees the record freed.
     struct Refusing : std::streambuf {
