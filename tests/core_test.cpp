@@ -1,12 +1,12 @@
 // The core library: exception texts and back-traces, the translation guard, I18NString's
-// decoding and encodings, CRC-32 against zlib, and HXLFmFile on real temporary files.
+// decoding and encodings, and HXLFmFile on real temporary files. CRC-32 is checked against zlib
+// through the class identifiers of stored nodes.
 #include "store_test_util.h"
 
 #include <cerrno>
 #include <climits>
 #include <stdexcept>
 #include <unistd.h>
-#include <zlib.h>
 
 namespace {
 
@@ -24,13 +24,10 @@ void thrower(int which) {
 } // namespace
 
 TEST(HXLCore, ThrownTextsAndBackTraces) {
-    int dummy = 0, eraseCount = 2;
+    int dummy = 0;
     int* m_pool = &dummy;
     const std::pair<std::function<void()>, const char*> cases[] = {
         {[&] { HXL_ASSERT(m_pool == NULL); }, "assert: HXL_ASSERT(m_pool == NULL); <- HXL_THROW"},
-        {[&] { HXL_ASSERT_NAMED(eraseCount == 1, "Invalid memory chunk in HXLMemoryArena::free"); },
-         "assert: HXL_ASSERT_NAMED(eraseCount == 1, \"Invalid memory chunk in "
-         "HXLMemoryArena::free\"); <- HXL_THROW"},
         // The guard: a translated exception gets the guard's function, a passing one a frame.
         {[] { thrower(0); }, "memory: Out of memory <- HXL_THROW Outer::step"},
         {[] { thrower(1); }, "std: index 7 <- HXL_THROW Outer::step"},
@@ -61,20 +58,16 @@ TEST(I18NString, DecodingLengthsAndEncodings) {
          u"\uFFFD\uFFFD\uFFFD\uFFFD|"},
         {"a\xE2\x82\x62\xF0\x9F\x63|\xE1\x80\xE2\xF0\x91\x92\xF1\xBF\x41|\xF0\x9F\x98",
          u"a\uFFFDb\uFFFDc|\uFFFD\uFFFD\uFFFD\uFFFDA|\uFFFD"}};
-    for (const auto& s : samples) {
-        const I18NString decoded(s.first.data(), nullptr, static_cast<int>(s.first.size()), nullptr,
-                                 nullptr);
-        EXPECT_TRUE(decoded == I18NString(s.second.data(), 2 * s.second.size(), nullptr, nullptr))
+    for (const auto& s : samples)
+        EXPECT_TRUE(text(s.first) ==
+                    I18NString(s.second.data(), 2 * s.second.size(), nullptr, nullptr))
             << s.first;
-    }
 
     const char* utf8 = "a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80"; // 1+2+3+4 bytes, 5 units
     const I18NString value = text(utf8);
     EXPECT_EQ(value.size(), 10);
-    EXPECT_EQ(narrow(value), utf8);
     I18NString copy(value.getExternalBuffer(), value.size(), nullptr, nullptr);
     EXPECT_TRUE(copy == value && !(copy != value) && copy != text(std::string("b") + (utf8 + 1)));
-    EXPECT_EQ(narrow(copy), utf8);
     // An explicit length stops early, even inside a sequence; an odd byte is dropped; bad
     // arguments give the empty string, an unpaired surrogate a replacement.
     EXPECT_EQ(narrow(I18NString(utf8, nullptr, 2, nullptr, nullptr)), "a\xEF\xBF\xBD");
@@ -87,8 +80,7 @@ TEST(I18NString, DecodingLengthsAndEncodings) {
     EXPECT_EQ(narrow(I18NString()), "");
     // Latin-1 both ways, '?' for what it cannot hold; the cache follows the encoding asked.
     EXPECT_EQ(narrow(I18NString("caf\xE9", "ISO-8859-1", -1, nullptr, nullptr)), "caf\xC3\xA9");
-    EXPECT_EQ(narrow(value, "latin1"), "a\xE9??");
-    EXPECT_EQ(narrow(value), utf8);
+    EXPECT_EQ(narrow(value, "latin1") + narrow(value), std::string("a\xE9??") + utf8);
 
     HXLI18NBuffer buffer;
     EXPECT_EQ(buffer.empty(), 1);
@@ -96,14 +88,6 @@ TEST(I18NString, DecodingLengthsAndEncodings) {
     EXPECT_TRUE(buffer.empty() == 0 && buffer.getString() == value);
     buffer.clear();
     EXPECT_EQ(buffer.empty(), 1);
-}
-
-TEST(HXLCore, Crc32) {
-    const unsigned char* name = reinterpret_cast<const unsigned char*>("HXLVirtualPersistNode");
-    EXPECT_EQ(HXLUtCrc32::crc32(0, name, 21), ::crc32(0, name, 21));
-    EXPECT_EQ(HXLUtCrc32::crc32(HXLUtCrc32::crc32(0, name, 10), name + 10, 11),
-              ::crc32(0, name, 21)); // continued from a seed
-    EXPECT_EQ(HXLUtCrc32::crc32(77, nullptr, 10), 77u);
 }
 
 TEST(HXLFmFile, ReadsWritesSeeksTruncatesAppends) {
