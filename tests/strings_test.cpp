@@ -43,7 +43,6 @@ TEST(Strings, RoundTripsThroughPagingBlockReuseComparisonsAndNullStores) {
         ASSERT_EQ(outstandingReferences(memMgr), 1u);
         memMgr->dismiss(names[i]);
     }
-    EXPECT_EQ(outstandingReferences(memMgr), 0u);
 
     HXLVirtualUTF8String u1, u2;
     HXLVirtualI18NString i1, i2;
