@@ -3,7 +3,7 @@
 // small fraction of the tree, so nodes leave memory between steps. After every operation no
 // reference is left behind, the nodes that left a list show the links they should keep, and
 // the touched lists match the model, stored images included; every 100 steps the whole forest
-// is checked, and every 500 the tree dump. The other tests cover what a random forest cannot:
+// is checked, and every 500 the tree dump. The other test covers what a random forest cannot:
 // class identifiers, the registry's rules, refusals and the root's own ways.
 #include "store_test_util.h"
 
@@ -272,8 +272,9 @@ TEST(Tree, ClassesRegistryRootsAndRefusals) {
         {HXLVirtualTreeNode::create(&tree), treeNodeId, 72, "HXLVirtualTreeNode"},
         {tree.createNode(bookId), Tally::getClassId(), sizeof(Tally), "Tally"}};
     for (const auto& [node, classId, size, name] : classes) {
+        // The identifier is zlib's CRC-32 of the name, also when it is computed in two pieces.
         const unsigned char* bytes = reinterpret_cast<const unsigned char*>(name);
-        EXPECT_EQ(classId, ::crc32(0, bytes, std::strlen(name))); // CRC-32, also continued
+        EXPECT_EQ(classId, ::crc32(0, bytes, std::strlen(name)));
         EXPECT_EQ(
             HXLUtCrc32::crc32(HXLUtCrc32::crc32(0, bytes, 3), bytes + 3, std::strlen(name) - 3),
             classId);

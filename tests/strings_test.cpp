@@ -16,7 +16,7 @@ TEST(Strings, RoundTripsThroughPagingBlockReuseComparisonsAndNullStores) {
     auto valueOf = [&](int i) {
         return samples[i % 3] + std::string(i % 50, '*') + std::to_string(i);
     };
-    const int kCount = 3000; // about ten times the budget
+    const int kCount = 3000; // several times the budget
     std::vector<HXLVirtualUTF8String> names(kCount);
     std::vector<HXLVirtualI18NString> mottos(kCount);
     for (int i = 0; i < kCount; ++i) {
