@@ -1,0 +1,76 @@
+// What the tests of the core, the store and what is built on it share: the headers, what the
+// mapper report says about references and paging and what an operation throws.
+#ifndef STORE_TEST_UTIL_H
+#define STORE_TEST_UTIL_H
+
+#include "HXLCore.h"
+#include "HXLVirtualI18NString.h"
+#include "HXLVirtualMemoryMgr.h"
+#include "HXLVirtualNodeClass.h"
+#include "HXLVirtualTree.h"
+#include "HXLVirtualTreeNode.h"
+#include "HXLVirtualUTF8String.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <functional>
+#include <random>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+inline std::string mapperReport(HXLVirtualMemoryMgr& memMgr, int flags) {
+    std::ostringstream report;
+    memMgr.dumpMapper(report, flags);
+    return report.str();
+}
+
+// Objects of the store whose reference count is above 0, from the line the mapper report
+// writes whenever there are any.
+inline unsigned long long outstandingReferences(HXLVirtualMemoryMgr* memMgr) {
+    const std::string marker = "Total Objects with reference count > 0 : ";
+    const std::string text = mapperReport(*memMgr, 0);
+    const std::string::size_type at = text.find(marker);
+    return at == std::string::npos ? 0 : std::stoull(text.substr(at + marker.size()));
+}
+
+// Whether any page of the store has been written out.
+inline bool pagedOut(HXLVirtualMemoryMgr* memMgr) {
+    return mapperReport(*memMgr, HXLVirtualMemoryMgr::eDumpStats).find("Page Outs: 0\n") ==
+           std::string::npos;
+}
+
+// A string from UTF-8, and a string as UTF-8 or in another encoding, marked if the length that
+// c_str gives does not end at its NUL.
+inline I18NString text(const std::string& utf8) {
+    return I18NString(utf8.c_str(), nullptr, -1, nullptr, nullptr);
+}
+inline std::string narrow(const I18NString& text, const char* encoding = nullptr) {
+    int length = 0;
+    const char* bytes = text.c_str(encoding, &length, nullptr, nullptr);
+    return std::string(bytes, length - 1) + (bytes[length - 1] == '\0' ? "" : "<no NUL>");
+}
+
+// What `call` throws, as "kind: text" and then the back-trace, oldest frame first, each as
+// " <- macro" with " function" when one was given; "nothing" if it returns.
+template <class Call> std::string thrown(Call call) {
+    try {
+        call();
+    } catch (const HXLThrowable& e) {
+        std::string out = dynamic_cast<const HXLAssertError*>(&e)         ? "assert: "
+                          : dynamic_cast<const HXLOutOfMemoryError*>(&e)  ? "memory: "
+                          : dynamic_cast<const HXLIllegalStateError*>(&e) ? "state: "
+                          : dynamic_cast<const HXLStdExceptionError*>(&e) ? "std: "
+                                                                          : "other: ";
+        out += e.what();
+        for (const HXLBackTraceFrame& frame : e.getBackTrace())
+            out += " <- " + frame.macro + (frame.function.empty() ? "" : " " + frame.function);
+        return out;
+    }
+    return "nothing";
+}
+
+#endif
