@@ -165,10 +165,11 @@ TEST_P(VirtualMemoryPoolModel, RandomOperationsAgreeWithModel) {
             add(kind < 6   ? 1 + random() % maxSmall
                 : kind < 9 ? 1 + random() % 8192
                            : 8193 + random() % 24000);
-        } else if (op < 45) { // pin once, or past the range of a one-byte count
+        } else if (op < 45) { // pin once, or past the range of a one-byte count and back
             auto it = pick();
             PageItem item{it->first};
-            for (unsigned n = random() % 8 == 0 ? 300 : 1; n > 0; --n) {
+            const unsigned n = random() % 8 == 0 ? 300 : 1;
+            for (unsigned i = 0; i < n; ++i) {
                 void* address = pool.GetAddress(item, true);
                 ASSERT_NE(address, nullptr);
                 if (it->second.pins++ > 0)
@@ -177,6 +178,8 @@ TEST_P(VirtualMemoryPoolModel, RandomOperationsAgreeWithModel) {
                     ++pinned;
                 it->second.pinnedAt = address;
             }
+            for (unsigned i = n / 5; i > 0; --i, --it->second.pins)
+                pool.Dismiss(item);
         } else if (op < 65) { // unpin once or entirely
             auto it = pick();
             PageItem item{it->first};
@@ -199,7 +202,11 @@ TEST_P(VirtualMemoryPoolModel, RandomOperationsAgreeWithModel) {
             remove(pick());
         }
         pool.Verify();
-        ASSERT_EQ(outstanding(pool), pinned);
+        unsigned long long total = 0, modelTotal = 0;
+        ASSERT_EQ(pool.GetOutstandingReferences(nullptr, 0, &total), pinned);
+        for (const auto& entry : model)
+            modelTotal += entry.second.pins;
+        ASSERT_EQ(total, modelTotal);
         ASSERT_EQ(stats(pool).objectsCurrent, model.size());
         if (step % 10 == 0) { // in offset order: the page-ins read ahead
             for (const auto& entry : model) {
@@ -276,10 +283,10 @@ TEST(VirtualMemoryPool, PageFileIsPrivateLeavesNoNameAndGivesSpaceBack) {
 
 TEST(VirtualMemoryPool, UnchangedSpansAreNeverRewrittenAndScansReadAhead) {
     ScratchDir dir;
-    VirtualMemoryPool pool(kBudget, dir.path.c_str());
+    VirtualMemoryPool pool(4 * kBudget, dir.path.c_str()); // read-ahead runs of 8 spans
     std::vector<unsigned long long> offsets;
-    for (unsigned i = 0; i < 64; ++i)
-        offsets.push_back(newObject(pool, 4000, i)); // 32 spans, four times the budget
+    for (unsigned i = 0; i < 256; ++i)
+        offsets.push_back(newObject(pool, 4000, i)); // 128 spans, four times the budget
     unsigned long long mostReadAtOnce = 0;
     auto pass = [&](bool forWriting, unsigned skip) {
         for (unsigned i = 0; i < offsets.size(); ++i) {
@@ -307,6 +314,7 @@ TEST(VirtualMemoryPool, UnchangedSpansAreNeverRewrittenAndScansReadAhead) {
     ASSERT_NE(p, nullptr);
     p[7] ^= 1;
     pass(true, 20);
+    pool.Verify();
     EXPECT_EQ(p, pool.GetAddress(held, true));
     p[7] ^= 1;
     EXPECT_TRUE(holds(p, 4000, 20)); // nothing but the byte changed, and that still changed

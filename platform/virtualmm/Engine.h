@@ -60,10 +60,11 @@
 //  12. Spans read in file order go on the scan queue and leave memory before the clock sweeps,
 //      oldest first, until one of them is used a second time: a scan through data larger than
 //      the budget cycles through its own few spans and leaves the rest of memory alone.
-//  13. In a full store (within a batch's worth of its budget) the first release of a span that
-//      came in takes its fingerprint while its bytes are still in cache: an unchanged span's
-//      copy is exact again; a changed or new one keeps the print (kPrintTaken) until it is
-//      mapped for writing again, so the sweep writes it without reading its bytes twice.
+//  13. In a full store (within two batches' worth of its budget: the sweep leaves it one batch
+//      below) the first release of a span that came in takes its fingerprint while its bytes
+//      are still in cache: an unchanged span's copy is exact again; a changed or new one keeps
+//      the print (kPrintTaken) until it is mapped for writing again, so the sweep writes it
+//      without reading its bytes twice.
 //
 // Span states and the functions that move a span between them (pinned is "resident" with a
 // count above 0; it keeps its copy state):

@@ -248,7 +248,7 @@ void VirtualMemoryPool::Engine::firstRelease(Span* span) {
 void VirtualMemoryPool::Engine::takePrint(Span* span) {
     span->flags &= static_cast<unsigned char>(~kFresh);
     const unsigned long long spare = std::min(kIoRunBytes, m_budget / 16);
-    if (span->copy == kCopyExact || m_residentBytes + spare < m_budget)
+    if (span->copy == kCopyExact || m_residentBytes + 2 * spare < m_budget)
         return;
     const unsigned long long print = fingerprint(span->memory, span->bytes());
     if (span->copy == kCopyMaybe && print == span->fingerprint) {
