@@ -311,6 +311,13 @@ private:
     }
     std::size_t recordBytes(const Span* span) const { return sizeof(Span) + 8 * bitmapWords(span); }
     unsigned countOf(const Span* span, unsigned slot) const;
+    // What a sweep frees beyond what it must (rule 10).
+    unsigned long long spare() const { return std::min(kIoRunBytes, m_budget / 16); }
+    // Whether a scan queue entry still names the span as it came in.
+    bool isCurrent(const ScanEntry& entry) const {
+        return entry.firstPage < m_pageMap.size() && m_pageMap[entry.firstPage] == entry.span &&
+               entry.span->scanStamp == entry.stamp;
+    }
 
     Span* newSpan(unsigned short classIndex, unsigned pages);
     void releaseSpan(Span* span);
@@ -329,7 +336,6 @@ private:
     HXL_VMM_COLD void unpinInTable(Span* span, unsigned slot);
     inline void spanUnpinned(Span* span);
     HXL_VMM_COLD void takePrint(Span* span);
-    HXL_VMM_COLD void firstRelease(Span* span);
     HXL_VMM_COLD void mappedForWriting(Span* span);
     HXL_VMM_COLD void* mapSlow(Span* span, unsigned slot, unsigned long long offset,
                                bool forWriting);

@@ -13,8 +13,7 @@ namespace tcmalloc {
 bool VirtualMemoryPool::Engine::makeRoom(unsigned long long incoming) {
     if (m_residentBytes + incoming <= m_budget)
         return true;
-    const unsigned long long spare = std::min(kIoRunBytes, m_budget / 16);
-    const unsigned long long goal = m_budget - spare;
+    const unsigned long long goal = m_budget - spare();
     auto needMore = [&] {
         return m_residentBytes - m_batchBytes + incoming > goal &&
                m_unpinnedResident > m_batch.size();
@@ -23,8 +22,7 @@ bool VirtualMemoryPool::Engine::makeRoom(unsigned long long incoming) {
         const ScanEntry entry = m_scanQueue.front();
         m_scanQueue.pop_front();
         Span* span = entry.span;
-        if (entry.firstPage >= m_pageMap.size() || m_pageMap[entry.firstPage] != span ||
-            span->scanStamp != entry.stamp || (span->flags & kScan) == 0)
+        if (!isCurrent(entry) || (span->flags & kScan) == 0)
             continue; // stale
         span->flags &= static_cast<unsigned char>(~(kScan | kScanUsed));
         if (span->pinCount == 0 && (span->flags & kInBatch) == 0 && !chooseVictim(span))
@@ -53,9 +51,8 @@ bool VirtualMemoryPool::Engine::chooseVictim(Span* span) {
         const unsigned long long print =
             taken ? span->fingerprint : fingerprint(span->memory, span->bytes());
         if (span->copy == kCopyNone || print != span->fingerprint) {
-            span->flags |= kInBatch;
             m_batch.push_back({span, print, false}); // cannot throw: flushed at capacity
-            span->flags &= static_cast<unsigned char>(~kPrintTaken);
+            span->flags = static_cast<unsigned char>((span->flags & ~kPrintTaken) | kInBatch);
             m_batchBytes += span->bytes();
             if (m_batchBytes >= kIoRunBytes || m_batch.size() == m_batch.capacity())
                 return flushBatch();
@@ -184,9 +181,8 @@ bool VirtualMemoryPool::Engine::pageIn(Span* span) {
     }
     m_run.resize(m_pieces.size());
     std::size_t readCount = 0;
-    if (m_pieces.empty())
-        readCount = 0;
-    else if (m_file.read(m_pieces.data(), static_cast<unsigned>(m_pieces.size()), span->fileSlot))
+    if (!m_pieces.empty() &&
+        m_file.read(m_pieces.data(), static_cast<unsigned>(m_pieces.size()), span->fileSlot))
         readCount = m_pieces.size();
     else if (m_pieces.size() > 1 && m_file.read(m_pieces.data(), 1, span->fileSlot))
         readCount = 1; // the read-ahead failed; the span asked for may still be whole
@@ -222,8 +218,7 @@ void VirtualMemoryPool::Engine::queueForScan(Span* span) {
     if (m_scanQueue.size() > (m_budget >> kPageShift) + 64) {
         const ScanEntry old = m_scanQueue.front();
         m_scanQueue.pop_front();
-        if (old.firstPage < m_pageMap.size() && m_pageMap[old.firstPage] == old.span &&
-            old.span->scanStamp == old.stamp)
+        if (isCurrent(old))
             old.span->flags &= static_cast<unsigned char>(~(kScan | kScanUsed));
     }
     try {
@@ -235,20 +230,11 @@ void VirtualMemoryPool::Engine::queueForScan(Span* span) {
     span->flags |= kScan;
 }
 
-// A span read in file order earns no second chance from its first use (rule 12); a span that
-// came in may have its fingerprint taken (rule 13).
-void VirtualMemoryPool::Engine::firstRelease(Span* span) {
-    span->flags |= (span->flags & kScan) != 0 ? kScanUsed : kReferenced;
-    if ((span->flags & kFresh) != 0)
-        takePrint(span);
-}
-
 // Rule 13: the first release of a span that came in, in a full store, takes its fingerprint
 // while its bytes are still in cache, so the sweep need not read them again.
 void VirtualMemoryPool::Engine::takePrint(Span* span) {
     span->flags &= static_cast<unsigned char>(~kFresh);
-    const unsigned long long spare = std::min(kIoRunBytes, m_budget / 16);
-    if (span->copy == kCopyExact || m_residentBytes + 2 * spare < m_budget)
+    if (span->copy == kCopyExact || m_residentBytes + 2 * spare() < m_budget)
         return;
     const unsigned long long print = fingerprint(span->memory, span->bytes());
     if (span->copy == kCopyMaybe && print == span->fingerprint) {
@@ -260,11 +246,12 @@ void VirtualMemoryPool::Engine::takePrint(Span* span) {
     span->flags |= kPrintTaken;
 }
 
+// A span read in file order earns no second chance from its first use (rule 12); a span that
+// came in may have its fingerprint taken (rule 13).
 void VirtualMemoryPool::Engine::unpinnedSlow(Span* span) {
-    if ((span->flags & (kScan | kFresh)) == 0)
-        span->flags |= kReferenced;
-    else
-        firstRelease(span);
+    span->flags |= (span->flags & kScan) != 0 ? kScanUsed : kReferenced;
+    if ((span->flags & kFresh) != 0)
+        takePrint(span);
     // What was pinned may have held the store above its budget; a failed page-out here is
     // retried by the next call that needs room (rule 8).
     if (m_residentBytes > m_budget)

@@ -128,7 +128,7 @@ void* VirtualMemoryPool::Engine::mapSlow(Span* span, unsigned slot, unsigned lon
                                          bool forWriting) {
     if ((span->memory == nullptr && !pageIn(span)) || !pin(span, slot))
         return nullptr;
-    if (forWriting && ((span->flags & kPrintTaken) != 0 || span->copy == kCopyExact))
+    if (forWriting)
         mappedForWriting(span);
     return span->memory + (offset - span->baseOffset());
 }
@@ -151,11 +151,8 @@ void VirtualMemoryPool::Engine::dismiss(unsigned long long offset) {
 void VirtualMemoryPool::Engine::dirty(unsigned long long offset) {
     unsigned slot;
     Span* span = find(offset, slot);
-    if (span == nullptr || span->memory == nullptr)
-        return;
-    span->flags &= static_cast<unsigned char>(~kPrintTaken);
-    if (span->copy == kCopyExact)
-        span->copy = kCopyMaybe;
+    if (span != nullptr && span->memory != nullptr)
+        mappedForWriting(span);
 }
 
 void VirtualMemoryPool::Engine::deallocate(unsigned long long offset) {
