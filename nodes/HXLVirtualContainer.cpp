@@ -54,6 +54,10 @@ HXLVirtualPersistNode* HXLVirtualContainer::createNode(unsigned int classId) {
     return node;
 }
 
+void HXLVirtualContainer::unmappable() {
+    HXL_THROW(HXLOutOfMemoryError(0, NULL), "HXLVirtualContainer::getNode");
+}
+
 HXLVirtualPersistNode* HXLVirtualContainer::getNode(HXLVirtualPageItem& item) {
     return getNode(item.getOffset());
 }

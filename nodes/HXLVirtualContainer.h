@@ -58,12 +58,19 @@ public:
     // throws passes through.
     HXLVirtualPersistNode* createNode(unsigned int classId);
     // The live node whose block starts at `offset`, with one more reference on it that the
-    // caller gives back with dismiss. Null (no reference) for 0, kInvalidOffset or an offset
-    // the store cannot map. The offset must name a node's block: nothing here can tell.
+    // caller gives back with dismiss. Null (no reference) for 0 and kInvalidOffset. Throws
+    // HXLOutOfMemoryError when the store cannot bring a live node back (a failed or damaged
+    // page-in, no room to page in): a live link is never read as absent. The offset must name
+    // a node's block: nothing here can tell.
     HXLVirtualPersistNode* getNode(unsigned long long offset) {
         // The block holds the object's image, virtual table pointer included: mapping it is
         // all that makes it live again. Inline: every step of a walk comes through here.
-        return offset == 0 ? NULL : static_cast<HXLVirtualPersistNode*>(getAddress(offset, 1));
+        if (offset == 0)
+            return NULL;
+        void* node = getAddress(offset, 1);
+        if (node == NULL && offset != HXLVirtualPageItem::kInvalidOffset)
+            unmappable();
+        return static_cast<HXLVirtualPersistNode*>(node);
     }
     // The same for the item's offset; its size plays no part.
     HXLVirtualPersistNode* getNode(HXLVirtualPageItem& item);
@@ -85,6 +92,8 @@ public:
     void dumpMapper(std::ostream& os);
 
 private:
+    // Throws HXLOutOfMemoryError for a live node that the store cannot map.
+    [[noreturn]] static void unmappable();
     // The manager's getAddress by offset: null for 0, kInvalidOffset or an unmappable block.
     void* getAddress(unsigned long long offset, int flag) {
         return m_memoryMgr->getAddress(offset, flag);
