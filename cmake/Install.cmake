@@ -13,6 +13,7 @@ install(TARGETS HXLCore tcmalloc_virtualmm ZOJStreams HXLVirtualMemMgmt
 set(HXL_PUBLIC_HEADERS
     contracts/HXLCore.h
     contracts/VirtualMemoryPool.h
+    contracts/VirtualMemoryFastPath.h
     contracts/ZOJStreams.h
     vmm/HXLVirtualMemMgmtVersion.h
     vmm/HXLVirtualMemoryMgr.h

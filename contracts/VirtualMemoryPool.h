@@ -8,6 +8,17 @@
 #include <cstddef>
 
 namespace tcmalloc {
+class VirtualMemoryPool;
+struct FastTable;
+} // namespace tcmalloc
+
+// The engine's optional fast path (VirtualMemoryFastPath.h): its published table for `pool`,
+// good for the pool's life. Weak: an engine that does not offer one leaves the symbol null,
+// and callers then use the plain calls of VirtualMemoryPool.
+extern "C" __attribute__((weak, visibility("default"))) tcmalloc::FastTable*
+tcmalloc_VirtualMemoryPool_FastTable(tcmalloc::VirtualMemoryPool* pool);
+
+namespace tcmalloc {
 
 // The name of one object of the store. The caller fills `offset` before each call, except
 // Allocate, which fills it. 0 and 0xFFFFFFFFFFFFFFFF never name an object.
@@ -166,6 +177,7 @@ public:
     void Verify() const;
 
 private:
+    friend FastTable* ::tcmalloc_VirtualMemoryPool_FastTable(VirtualMemoryPool* pool);
     class Engine;
     Engine* m_engine;
 };

@@ -4,7 +4,7 @@
 #include "HXLVirtualPersistNode.h"
 
 HXLVirtualContainer::HXLVirtualContainer(unsigned int a, unsigned int b, int c)
-    : m_ownsMemoryMgr(0), m_memoryMgr(NULL) {
+    : m_ownsMemoryMgr(0), m_memoryMgr(NULL), m_fast(HXLVirtualMemoryMgr::fastPathOf(NULL)) {
     HXL_TRY {
         m_memoryMgr = new HXLVirtualMemoryMgr(a, b, c);
     }
@@ -12,11 +12,12 @@ HXLVirtualContainer::HXLVirtualContainer(unsigned int a, unsigned int b, int c)
     if (m_memoryMgr == NULL)
         HXL_THROW(HXLOutOfMemoryError(0, NULL));
     m_ownsMemoryMgr = 1;
+    m_fast = HXLVirtualMemoryMgr::fastPathOf(m_memoryMgr);
 }
 
 HXLVirtualContainer::HXLVirtualContainer(HXLVirtualMemoryMgr::mappertype type, unsigned int a,
                                          unsigned int b, int c)
-    : m_ownsMemoryMgr(0), m_memoryMgr(NULL) {
+    : m_ownsMemoryMgr(0), m_memoryMgr(NULL), m_fast(HXLVirtualMemoryMgr::fastPathOf(NULL)) {
     HXL_TRY {
         m_memoryMgr = new HXLVirtualMemoryMgr(type, a, a, b, c);
     }
@@ -24,10 +25,11 @@ HXLVirtualContainer::HXLVirtualContainer(HXLVirtualMemoryMgr::mappertype type, u
     if (m_memoryMgr == NULL)
         HXL_THROW(HXLOutOfMemoryError(0, NULL));
     m_ownsMemoryMgr = 1;
+    m_fast = HXLVirtualMemoryMgr::fastPathOf(m_memoryMgr);
 }
 
 HXLVirtualContainer::HXLVirtualContainer(HXLVirtualMemoryMgr* memMgr)
-    : m_ownsMemoryMgr(0), m_memoryMgr(memMgr) {}
+    : m_ownsMemoryMgr(0), m_memoryMgr(memMgr), m_fast(HXLVirtualMemoryMgr::fastPathOf(memMgr)) {}
 
 HXLVirtualContainer::~HXLVirtualContainer() {
     if (m_ownsMemoryMgr != 0 && m_memoryMgr != NULL) {
@@ -54,8 +56,11 @@ HXLVirtualPersistNode* HXLVirtualContainer::createNode(unsigned int classId) {
     return node;
 }
 
-void HXLVirtualContainer::unmappable() {
-    HXL_THROW(HXLOutOfMemoryError(0, NULL), "HXLVirtualContainer::getNode");
+HXLVirtualPersistNode* HXLVirtualContainer::getNodeSlow(unsigned long long offset) {
+    void* node = getAddress(offset, 1);
+    if (node == NULL && offset != HXLVirtualPageItem::kInvalidOffset)
+        HXL_THROW(HXLOutOfMemoryError(0, NULL), "HXLVirtualContainer::getNode");
+    return static_cast<HXLVirtualPersistNode*>(node);
 }
 
 HXLVirtualPersistNode* HXLVirtualContainer::getNode(HXLVirtualPageItem& item) {

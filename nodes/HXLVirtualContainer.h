@@ -64,13 +64,13 @@ public:
     // a node's block: nothing here can tell.
     HXLVirtualPersistNode* getNode(unsigned long long offset) {
         // The block holds the object's image, virtual table pointer included: mapping it is
-        // all that makes it live again. Inline: every step of a walk comes through here.
+        // all that makes it live again. Inline: every step of a walk comes through here, and a
+        // resident node is mapped without a call.
         if (offset == 0)
             return NULL;
-        void* node = getAddress(offset, 1);
-        if (node == NULL && offset != HXLVirtualPageItem::kInvalidOffset)
-            unmappable();
-        return static_cast<HXLVirtualPersistNode*>(node);
+        if (void* node = tcmalloc::fastMap(*m_fast, offset, true))
+            return static_cast<HXLVirtualPersistNode*>(node);
+        return getNodeSlow(offset);
     }
     // The same for the item's offset; its size plays no part.
     HXLVirtualPersistNode* getNode(HXLVirtualPageItem& item);
@@ -92,8 +92,9 @@ public:
     void dumpMapper(std::ostream& os);
 
 private:
-    // Throws HXLOutOfMemoryError for a live node that the store cannot map.
-    [[noreturn]] static void unmappable();
+    // getNode of a nonzero offset that the fast path declined: the manager's getAddress, and
+    // HXLOutOfMemoryError for a live node that the store cannot map.
+    HXLVirtualPersistNode* getNodeSlow(unsigned long long offset);
     // The manager's getAddress by offset: null for 0, kInvalidOffset or an unmappable block.
     void* getAddress(unsigned long long offset, int flag) {
         return m_memoryMgr->getAddress(offset, flag);
@@ -102,6 +103,7 @@ private:
     std::map<unsigned int, NodeCreator> m_nodeCreators;
     int m_ownsMemoryMgr;
     HXLVirtualMemoryMgr* m_memoryMgr;
+    tcmalloc::FastTable* m_fast; // the manager's fast path, or an empty one without a manager
 };
 
 #endif

@@ -15,23 +15,27 @@ const unsigned int kDefaultStoreSize = 0x400000;
 bool isLive(unsigned long long offset) {
     return offset != 0 && offset != HXLVirtualPageItem::kInvalidOffset;
 }
+
+// Stands for the fast path of a store that offers none: it maps no page, so every inline call
+// goes on to the store, and nothing ever writes to it.
+tcmalloc::FastTable g_noFastPath{};
 } // namespace
 
 int HXLVirtualMemoryMgr::m_exceptionOnReferenceLeak = 0;
 
 HXLVirtualMemoryMgr::HXLVirtualMemoryMgr(unsigned int a, unsigned int, int)
-    : m_pool(nullptr), m_pageItemPool(nullptr) {
+    : m_pool(nullptr), m_fast(&g_noFastPath), m_pageItemPool(nullptr) {
     initialize(a);
 }
 
 HXLVirtualMemoryMgr::HXLVirtualMemoryMgr(unsigned int, unsigned int b, unsigned int, int)
-    : m_pool(nullptr), m_pageItemPool(nullptr) {
+    : m_pool(nullptr), m_fast(&g_noFastPath), m_pageItemPool(nullptr) {
     initialize(b);
 }
 
 HXLVirtualMemoryMgr::HXLVirtualMemoryMgr(mappertype, unsigned int, unsigned int b, unsigned int,
                                          int)
-    : m_pool(nullptr), m_pageItemPool(nullptr) {
+    : m_pool(nullptr), m_fast(&g_noFastPath), m_pageItemPool(nullptr) {
     initialize(b);
 }
 
@@ -47,6 +51,10 @@ HXLVirtualMemoryMgr::~HXLVirtualMemoryMgr() {
     }
 }
 
+tcmalloc::FastTable* HXLVirtualMemoryMgr::fastPathOf(HXLVirtualMemoryMgr* memMgr) {
+    return memMgr != nullptr ? memMgr->m_fast : &g_noFastPath;
+}
+
 void HXLVirtualMemoryMgr::initialize(unsigned int storeSize) {
     HXL_ASSERT(m_pool == NULL);
     if (storeSize == 0)
@@ -60,6 +68,13 @@ void HXLVirtualMemoryMgr::initialize(unsigned int storeSize) {
     HXL_TRANSLATE(NULL);
     if (m_pool == nullptr)
         HXL_THROW(HXLOutOfMemoryError(0, NULL));
+    // Resolved once: a store whose engine offers no fast path (or one of another layout) is
+    // reached through its plain calls only.
+    if (tcmalloc_VirtualMemoryPool_FastTable != nullptr) {
+        tcmalloc::FastTable* table = tcmalloc_VirtualMemoryPool_FastTable(m_pool);
+        if (table != nullptr && table->layout == tcmalloc::FastTable::kFastLayout)
+            m_fast = table;
+    }
     try {
         HXL_TRY {
             m_pageItemPool = new HXLVirtualPageItemPool(this);
@@ -121,11 +136,7 @@ void HXLVirtualMemoryMgr::dirty(HXLVirtualPageItem& item) {
     m_pool->Dirty(record);
 }
 
-void HXLVirtualMemoryMgr::dismiss(HXLVirtualPageItem& item) {
-    dismiss(item.getOffset());
-}
-
-void HXLVirtualMemoryMgr::dismiss(unsigned long long offset) {
+void HXLVirtualMemoryMgr::dismissSlow(unsigned long long offset) {
     if (!isLive(offset))
         return;
     tcmalloc::PageItem record;
@@ -133,11 +144,7 @@ void HXLVirtualMemoryMgr::dismiss(unsigned long long offset) {
     m_pool->Dismiss(record);
 }
 
-void* HXLVirtualMemoryMgr::getAddress(HXLVirtualPageItem& item, int flag) {
-    return getAddress(item.getOffset(), flag);
-}
-
-void* HXLVirtualMemoryMgr::getAddress(unsigned long long offset, int flag) {
+void* HXLVirtualMemoryMgr::getAddressSlow(unsigned long long offset, int flag) {
     if (!isLive(offset))
         return nullptr;
     tcmalloc::PageItem record;

@@ -2,12 +2,10 @@
 #define HXLVIRTUALMEMORYMGR_H
 
 #include "HXLVirtualPageItem.h"
+#include "VirtualMemoryFastPath.h"
 
 #include <ostream>
 
-namespace tcmalloc {
-class VirtualMemoryPool;
-}
 class HXLVirtualPageItemPool;
 
 // A per-object mapping record; this manager keeps none (getMapper gives null).
@@ -58,12 +56,23 @@ public:
     // Marks the object of a live item as changed. Writers need not call it.
     void dirty(HXLVirtualPageItem& item);
     // Gives back one reference on the object of a live item (or offset).
-    void dismiss(HXLVirtualPageItem& item);
-    void dismiss(unsigned long long offset);
+    void dismiss(HXLVirtualPageItem& item) { dismiss(item.getOffset()); }
+    void dismiss(unsigned long long offset) {
+        // Inline: a resident object is let go here, without a call into the store.
+        if (!tcmalloc::fastDismiss(*m_fast, offset))
+            dismissSlow(offset);
+    }
     // The address of the object of a live item (or offset), with one reference taken; null for
     // an empty or invalid item or when the store cannot give it. Pass 1 as `flag`.
-    void* getAddress(HXLVirtualPageItem& item, int flag);
-    void* getAddress(unsigned long long offset, int flag);
+    void* getAddress(HXLVirtualPageItem& item, int flag) {
+        return getAddress(item.getOffset(), flag);
+    }
+    void* getAddress(unsigned long long offset, int flag) {
+        // Inline: a resident object is mapped here, without a call into the store.
+        if (void* address = tcmalloc::fastMap(*m_fast, offset, flag != 0))
+            return address;
+        return getAddressSlow(offset, flag);
+    }
 
     // Stores `size` bytes at `data` in an object shared with every other caller of equal bytes
     // that the page item pool still remembers; `item` names it afterwards. No reference is
@@ -90,9 +99,22 @@ public:
     void dumpMapper(std::ostream& os, int flags);
 
 private:
+    // The container maps its nodes through the same fast path, held beside its manager pointer
+    // so that a step of a walk loads one pointer less.
+    friend class HXLVirtualContainer;
+    // The fast path of `memMgr`, or the empty table when it is null.
+    static tcmalloc::FastTable* fastPathOf(HXLVirtualMemoryMgr* memMgr);
+
     void initialize(unsigned int storeSize);
+    // What the inline calls leave to the store: objects out of memory, offsets that name no
+    // object, and the rare cases the store's fast path declines.
+    void* getAddressSlow(unsigned long long offset, int flag);
+    void dismissSlow(unsigned long long offset);
 
     tcmalloc::VirtualMemoryPool* m_pool;
+    // The store's published fast path, or an empty table when the store offers none (every
+    // inline call then goes on to the store).
+    tcmalloc::FastTable* m_fast;
     HXLVirtualPageItemPool* m_pageItemPool;
     static int m_exceptionOnReferenceLeak;
 };

@@ -11,22 +11,30 @@
 //               The span is the unit of residence and of paging.
 //   size class  a slot size (16 bytes to 8 KiB); small objects take the smallest slot that
 //               fits them.
-//   page map    a vector indexed by page number giving the span that covers it: offset to
-//               address is one shift, one load and a subtraction, no hashing, no search.
-//   span record what the engine keeps of a span in or out of memory: about 90 bytes and one bit
-//               per slot (the live bitmap). A paged-out span costs nothing else: a 64-byte
-//               object pays under a byte for its bookkeeping.
-//   slot byte   one per slot, only while the span is resident: 0 for a free slot, else 1 plus
-//               the object's reference count; 255 means "look in the overflow table", which
-//               holds counts from 254 up. A resident span's liveness is read from its slot
-//               bytes, so the hit path does not touch the live bitmap.
+//   page map    two vectors indexed by page number. The fast map (FastPage, 16 bytes a page,
+//               published in the FastTable of VirtualMemoryFastPath.h) gives a resident span's
+//               hot block and a bias, so that an object's address is bias + offset; the record
+//               map gives the span record of every live span, resident or not. No hashing, no
+//               search.
+//   hot block   what a hit reads and writes, 64-byte aligned and only while the span is
+//               resident (FastSpan): pin count, hit flags, slot divisor, and the slot bytes,
+//               the first 32 of them in the same cache line.
+//   span record what the engine keeps of a span in or out of memory (the cold part: ring,
+//               class links, file slot, fingerprint, state) and one bit per slot (the live
+//               bitmap): 88 bytes and the bitmap. A paged-out span costs nothing else: a
+//               64-byte object pays under a byte for its bookkeeping. A hit never reads it.
+//   slot byte   one per slot, in the hot block: 0 for a free slot, else 1 plus the object's
+//               reference count; 255 means "look in the overflow table", which holds counts
+//               from 254 up. A resident span's liveness is read from its slot bytes, so the
+//               hit path does not touch the live bitmap.
 //   pinned      a span with at least one object whose reference count is above 0.
 //   clock ring  every resident span, in a circle. A hand sweeps it when room is needed: a
 //               pinned span is passed over, a span released since the hand last passed it
 //               (its referenced bit) gets a second chance, any other span leaves memory.
 //   copy        the span's bytes in its file slot (PageFile.h), with their fingerprint
-//               (Fingerprint.h). Its state: none (must be written), exact (equal to memory),
-//               or maybe stale (mapped for writing since: the fingerprint decides).
+//               (Fingerprint.h): none (must be written), exact (equal to memory), or maybe
+//               stale (mapped for writing since: the fingerprint decides). The span's state
+//               field says which, and whether the span is in memory at all.
 //
 // Design rules
 //   1. A pinned span is resident and never moves; only unpinned spans leave memory.
@@ -63,26 +71,44 @@
 //  13. In a full store (within two batches' worth of its budget: the sweep leaves it one batch
 //      below) the first release of a span that came in takes its fingerprint while its bytes
 //      are still in cache: an unchanged span's copy is exact again; a changed or new one keeps
-//      the print (kPrintTaken) until it is mapped for writing again, so the sweep writes it
+//      the print (state kPrinted) until it is mapped for writing again, so the sweep writes it
 //      without reading its bytes twice.
+//  14. A span is resident exactly when it has memory and a hot block; then every fast map
+//      entry of its pages names that block with bias memory - first page * 8192, and every
+//      other fast map entry is null. The hot block's copy of the span's geometry equals the
+//      record's, and its kFastWriteSlow bit is set exactly in the states printed and exact.
+//  15. A hit (fastMap, fastDismiss) changes only a slot byte, the pin count, kFastReferenced
+//      and the table's counts, and only where the engine itself would do nothing else: it
+//      declines a free slot, a count at the table, a first pin of a used scan span, a write
+//      mapping that changes the copy state, and the last unpin of a fresh or scan span or of a
+//      store over its budget.
+//  16. A class's emptied span stays its current span (in front of its non-full list) while it
+//      is resident, so that allocation and deallocation in turn reuse it; at most one empty
+//      span per class is kept.
 //
-// Span states and the functions that move a span between them (pinned is "resident" with a
-// count above 0; it keeps its copy state):
+// Span states (the record's `state`; pinned is a resident state with a pin count above 0 and
+// keeps it) and the functions that move a span between them; every move goes through
+// setState, which keeps the hot block's kFastWriteSlow bit:
 //
-//   state            entered by                           left by
-//   free             the start; releaseSpan               newSpan -> resident, no copy
-//   resident, none   newSpan; a failed write; emptied     makeRoom -> flushBatch writes it
-//                                                         -> paged out
-//   resident, maybe  Allocate, GetAddress(true) or Dirty  makeRoom: fingerprint unchanged ->
-//                    on an exact span                     evict (drop); changed -> flushBatch
-//   resident, exact  pageIn (asked for or read ahead)     Allocate, GetAddress(true), Dirty ->
-//                                                         maybe; makeRoom -> evict (drop)
-//   pinned           pin: Allocate, GetAddress            unpin of its last reference
-//   paged out        evict, called by makeRoom's sweep    pageIn: GetAddress, Allocate
-//   any state: releaseSpan, when the last object of the span is deallocated -> free
+//   state       entered by                                left by
+//   (free)      the start; releaseSpan                    newSpan -> kNoCopy
+//   kNoCopy     newSpan; a failed write; keepEmptied      flushBatch writes it -> kPagedOut;
+//                                                         takePrint -> kPrinted
+//   kPrinted    takePrint: the print of its bytes taken   mappedForWriting -> kNoCopy;
+//               on release in a full store                flushBatch -> kPagedOut
+//   kMaybe      mappedForWriting (Allocate,               chooseVictim: print unchanged ->
+//               GetAddress(true), Dirty) on kExact        kExact and evict; changed ->
+//                                                         flushBatch; takePrint -> kExact or
+//                                                         kPrinted
+//   kExact      pageIn (asked for or read ahead);         mappedForWriting -> kMaybe;
+//               chooseVictim, takePrint: print unchanged  chooseVictim -> evict (drop)
+//   kPagedOut   evict, called by the sweep                pageIn -> kExact
+//   any state: releaseSpan, when the span's last object is deallocated (an emptied span of a
+//   class may be kept instead: keepEmptied -> kNoCopy).
 #ifndef HXL_VMM_ENGINE_H
 #define HXL_VMM_ENGINE_H
 
+#include "VirtualMemoryFastPath.h"
 #include "VirtualMemoryPool.h"
 
 #include "Fingerprint.h"
@@ -122,28 +148,31 @@ const unsigned short kLargeClass = 0xFFFF;
 const unsigned kCachedBufferPages = 32;               // span buffers up to 256 KiB are recycled
 const unsigned long long kBufferCacheBytes = 2 << 20; // at most this much kept for reuse
 const unsigned long long kIoRunBytes = 256 << 10;     // eviction batch and read-ahead run
-const unsigned char kFreeSlot = 0;                    // slot byte of a slot with no object
-const unsigned char kCountZero = 1;       // slot byte of an object with count 0; count n is 1 + n
-const unsigned char kCountInTable = 0xFF; // slot byte: the count (254 or more) is in the table
-const unsigned kMaxCount = 0xFFFFFFFEu;   // a reference count never goes beyond
+const unsigned char kFreeSlot = kFastFreeSlot;
+const unsigned char kCountZero = kFastCountZero; // count n is kCountZero + n
+const unsigned char kCountInTable = kFastCountTable;
+const unsigned kMaxCount = 0xFFFFFFFEu; // a reference count never goes beyond
+const std::size_t kHotAlign = 64;       // hot blocks start on a cache line
 
-enum CopyState : unsigned char { kCopyNone, kCopyMaybe, kCopyExact };
+// The record's state: whether the span is in memory, and what its copy in the file is.
+enum SpanState : unsigned char {
+    kNoCopy,   // resident; no copy, or one that may hold anything: it must be written
+    kPrinted,  // resident; no copy, but the fingerprint of its bytes as they are is taken
+    kMaybe,    // resident; a copy that is stale if the bytes changed: the fingerprint decides
+    kExact,    // resident; a copy equal to the bytes in memory
+    kPagedOut, // not in memory; an exact copy in its file slot
+};
+// Bits of the record's flags; the hit flags live in the hot block (FastSpanFlag).
 enum SpanFlag : unsigned char {
-    kReferenced = 1,    // released since the clock hand last passed
-    kOnNonFullList = 2, // on its class's list of spans with free slots
-    kInBatch = 4,       // chosen by a sweep to be written, still resident
-    kScan = 8,          // read in file order and not used twice since: on the scan queue
-    kScanUsed = 16,     // a kScan span that has been pinned and released once
-    kFresh = 32,        // came in (new or read back) and not released since
-    kPrintTaken = 64,   // no copy, but the fingerprint of its bytes as they are is taken
+    kOnNonFullList = 1, // on its class's list of spans with free slots
+    kInBatch = 2,       // chosen by a sweep to be written, still resident
 };
 
-// A span record. The live bitmap follows it in the same allocation: one bit per slot, set
-// while the slot holds an object.
+// A span record (the cold part). The live bitmap follows it in the same allocation: one bit per
+// slot, set while the slot holds an object.
 struct Span {
-    // Paging, the clock and the class lists.
-    unsigned long long fingerprint; // of the copy in the file slot, or with kPrintTaken of the
-                                    // bytes in memory
+    unsigned long long fingerprint; // of the copy in the file slot, or in kPrinted of the bytes
+                                    // in memory
     Span* ringPrev;                 // clock ring links (resident spans only)
     Span* ringNext;
     Span* classPrev; // the class's list of spans with free slots
@@ -152,22 +181,25 @@ struct Span {
     unsigned scanStamp; // tells its entry on the scan queue from stale ones
     unsigned short classIndex;
     unsigned short liveCount; // slots holding an object (at most 512)
-    // What GetAddress and Dismiss read, last, so that it shares cache lines with the bitmap.
-    unsigned firstPage;      // page numbers are 32-bit: a store spans at most 32 TiB of offsets
-    unsigned elementSize;    // slot size; 0 for a span of one large object
-    unsigned slotMagic;      // ceil(2^32 / elementSize): slot = delta * slotMagic >> 32
-    unsigned pageCount;      // pages of the span
-    unsigned short pinCount; // objects with a reference count above 0
-    unsigned char copy;      // CopyState
-    unsigned char flags;     // SpanFlag bits
-    char* memory;            // the span's bytes while resident, else null
-    unsigned char* refs;     // slot counts while resident, else null
+    unsigned firstPage;       // page numbers are 32-bit: a store spans at most 32 TiB of offsets
+    unsigned elementSize;     // slot size; 0 for a span of one large object
+    unsigned spare;
+    unsigned pageCount;  // pages of the span
+    unsigned char state; // SpanState
+    unsigned char flags; // SpanFlag bits
+    unsigned short reserved;
+    char* memory;  // the span's bytes while resident, else null
+    FastSpan* hot; // the hot block while resident, else null
 
     unsigned long long* live() { return reinterpret_cast<unsigned long long*>(this + 1); }
     const unsigned long long* live() const {
         return reinterpret_cast<const unsigned long long*>(this + 1);
     }
     bool isLive(unsigned slot) const { return (live()[slot >> 6] >> (slot & 63)) & 1; }
+    bool resident() const { return state != kPagedOut; }
+    unsigned char* counts() const { return hot->counts(); }
+    unsigned char& hotFlags() const { return hot->flags; }
+    unsigned short& pins() const { return hot->pinCount; }
     unsigned long long bytes() const {
         return static_cast<unsigned long long>(pageCount) << kPageShift;
     }
@@ -181,31 +213,35 @@ struct SizeClass {
     unsigned elementSize;
     unsigned pages;
     unsigned slots;
-    unsigned words; // 64-bit words of the live bitmap
+    unsigned words;             // 64-bit words of the live bitmap
+    unsigned countBytes;        // slot bytes in the hot block: one per index an offset can give
+    unsigned long long divisor; // ceil(2^64 / elementSize), for fastSlot
     unsigned spanCount;
     unsigned emptySpans; // spans of this class with no object, kept for reuse
     unsigned long long liveObjects;
     Span* nonFull; // spans with free slots; resident ones are put in front
 };
 
-// Span records and slot counts come from here rather than from the process heap: they are
+// Span records and hot blocks come from here rather than from the process heap: they are
 // small, many and long-lived, and would otherwise sit between span buffers in the heap and
-// keep it from giving memory back. Sizes are rounded to 8 bytes; each size has a free list.
-class RecordArena {
+// keep it from giving memory back. Sizes are rounded to `Granule` bytes, and every block is
+// aligned to it; each size has a free list.
+template <std::size_t Granule, std::size_t Largest> class RecordArena {
 public:
-    static const std::size_t kLargest = 512;
-
     ~RecordArena() {
         for (void* chunk : m_chunks)
             std::free(chunk);
     }
+    static std::size_t rounded(std::size_t bytes) {
+        return (bytes + Granule - 1) / Granule * Granule;
+    }
     void* take(std::size_t bytes) {
-        const std::size_t units = (bytes + 7) / 8;
+        const std::size_t units = (bytes + Granule - 1) / Granule;
         if (void* record = m_free[units]) {
             m_free[units] = *static_cast<void**>(record);
             return record;
         }
-        if (m_chunkLeft < units * 8) {
+        if (m_chunkLeft < units * Granule) {
             if (m_chunks.size() == m_chunks.capacity()) {
                 try {
                     m_chunks.reserve(m_chunks.size() * 2 + 16);
@@ -213,27 +249,27 @@ public:
                     return nullptr;
                 }
             }
-            void* chunk = std::malloc(kChunkBytes);
+            void* chunk = std::aligned_alloc(Granule < 16 ? 16 : Granule, kChunkBytes);
             if (chunk == nullptr)
                 return nullptr;
             m_chunks.push_back(chunk); // cannot throw: capacity was reserved
             m_chunkNext = static_cast<char*>(chunk);
-            m_chunkLeft = kChunkBytes; // the rest of the old chunk is a few bytes at most
+            m_chunkLeft = kChunkBytes; // the rest of the old chunk is a few units at most
         }
         void* record = m_chunkNext;
-        m_chunkNext += units * 8;
-        m_chunkLeft -= units * 8;
+        m_chunkNext += units * Granule;
+        m_chunkLeft -= units * Granule;
         return record;
     }
     void give(void* record, std::size_t bytes) {
-        const std::size_t units = (bytes + 7) / 8;
+        const std::size_t units = (bytes + Granule - 1) / Granule;
         *static_cast<void**>(record) = m_free[units];
         m_free[units] = record;
     }
 
 private:
     static const std::size_t kChunkBytes = 256 << 10;
-    void* m_free[kLargest / 8 + 1] = {};
+    void* m_free[Largest / Granule + 1] = {};
     std::vector<void*> m_chunks;
     char* m_chunkNext = nullptr;
     std::size_t m_chunkLeft = 0;
@@ -260,8 +296,16 @@ public:
     ~Engine();
 
     void* allocate(unsigned long long size, PageItem& item);
-    void* getAddress(unsigned long long offset, bool forWriting);
-    void dismiss(unsigned long long offset);
+    // The hit goes through the published fast path; everything else is out of line.
+    void* getAddress(unsigned long long offset, bool forWriting) {
+        if (void* address = fastMap(m_table, offset, forWriting))
+            return address;
+        return mapSlow(offset, forWriting);
+    }
+    void dismiss(unsigned long long offset) {
+        if (!fastDismiss(m_table, offset))
+            dismissSlow(offset);
+    }
     void dirty(unsigned long long offset);
     void deallocate(unsigned long long offset);
     void extractStats(VirtualMemoryStats* stats, unsigned long long size,
@@ -269,6 +313,7 @@ public:
     unsigned long long outstanding(VirtualMemoryReferenceInfo* info, unsigned long long count,
                                    unsigned long long* total);
     void setIo(const VirtualMemoryIo* io) { m_file.setIo(io); }
+    FastTable* fastTable() { return &m_table; }
     void verify() const;
 
 private:
@@ -280,26 +325,19 @@ private:
         Span* span = m_pageMap[page];
         if (span == nullptr)
             return nullptr;
-        const unsigned long long delta = offset - span->baseOffset();
-        if (span->elementSize == 0) {
-            if (delta != 0)
-                return nullptr;
-            slot = 0;
-        } else {
-            // A small span is at most 64 KiB: below that the multiplication by the reciprocal
-            // gives the exact quotient.
-            if (delta >= span->bytes())
-                return nullptr;
-            const unsigned index = static_cast<unsigned>((delta * span->slotMagic) >> 32);
-            if (index * span->elementSize != delta)
-                return nullptr;
-            slot = index;
-        }
-        const bool live =
-            span->refs != nullptr ? span->refs[slot] != kFreeSlot : span->isLive(slot);
+        unsigned index;
+        if (!fastSlot(offset - span->baseOffset(), divisorOf(span), index) ||
+            index >= slotCount(span))
+            return nullptr;
+        slot = index;
+        const bool live = span->resident() ? span->counts()[slot] != kFreeSlot : span->isLive(slot);
         return live ? span : nullptr;
     }
 
+    // FastSpan::divisor of the span: ceil(2^64 / slot size), or 1 for one large object.
+    unsigned long long divisorOf(const Span* span) const {
+        return span->classIndex == kLargeClass ? 1 : m_classes[span->classIndex].divisor;
+    }
     static unsigned long long slotOffset(const Span* span, unsigned slot) {
         return span->baseOffset() + static_cast<unsigned long long>(slot) * span->elementSize;
     }
@@ -310,17 +348,41 @@ private:
         return span->classIndex == kLargeClass ? 1 : m_classes[span->classIndex].words;
     }
     std::size_t recordBytes(const Span* span) const { return sizeof(Span) + 8 * bitmapWords(span); }
+    std::size_t hotBytes(unsigned short classIndex) const {
+        return FastSpan::kCountsOffset +
+               (classIndex == kLargeClass ? 1 : m_classes[classIndex].countBytes);
+    }
     unsigned countOf(const Span* span, unsigned slot) const;
     // What a sweep frees beyond what it must (rule 10).
-    unsigned long long spare() const { return std::min(kIoRunBytes, m_budget / 16); }
+    unsigned long long spare() const { return std::min(kIoRunBytes, m_table.budget / 16); }
     // Whether a scan queue entry still names the span as it came in.
     bool isCurrent(const ScanEntry& entry) const {
         return entry.firstPage < m_pageMap.size() && m_pageMap[entry.firstPage] == entry.span &&
                entry.span->scanStamp == entry.stamp;
     }
 
+    // State moves (the table in the opening comment).
+    void setState(Span* span, SpanState state) {
+        span->state = state;
+        if (span->hot != nullptr) {
+            if (state == kPrinted || state == kExact)
+                span->hotFlags() |= kFastWriteSlow;
+            else
+                span->hotFlags() &= static_cast<unsigned char>(~kFastWriteSlow);
+        }
+    }
+    // A hot block for a span of the class; null when memory runs out.
+    FastSpan* takeHot(unsigned short classIndex);
+    // Gives the span its memory and hot block (rule 14), in the ring and unpinned; the slot
+    // bytes say which slots are live, all with count 0.
+    void becomeResident(Span* span, char* memory, FastSpan* hot, SpanState state);
+    // Takes memory and hot block away; the span keeps its record.
+    void leaveMemory(Span* span);
+    void mapPages(Span* span, FastSpan* hot, char* bias);
+
     Span* newSpan(unsigned short classIndex, unsigned pages);
     void releaseSpan(Span* span);
+    bool resizePageMap(unsigned long long pages);
     HXL_VMM_COLD bool makeRoom(unsigned long long incoming);
     bool chooseVictim(Span* span);
     bool flushBatch();
@@ -328,20 +390,17 @@ private:
     void queueForScan(Span* span);
     HXL_VMM_COLD bool pageIn(Span* span);
     void giveFileSlot(Span* span);
-    // The hit path: pin and unpin are inlined; what they seldom need is kept out of line, so
-    // that the fast path needs few registers.
-    inline bool pin(Span* span, unsigned slot);
-    inline void unpin(Span* span, unsigned slot);
-    HXL_VMM_COLD bool pinInTable(Span* span, unsigned slot);
-    HXL_VMM_COLD void unpinInTable(Span* span, unsigned slot);
-    inline void spanUnpinned(Span* span);
-    HXL_VMM_COLD void takePrint(Span* span);
-    HXL_VMM_COLD void mappedForWriting(Span* span);
-    HXL_VMM_COLD void* mapSlow(Span* span, unsigned slot, unsigned long long offset,
-                               bool forWriting);
-    HXL_VMM_COLD void unpinnedSlow(Span* span);
-    inline bool endPins(Span* span, unsigned slot);
-    HXL_VMM_COLD bool keepEmptied(Span* span);
+    bool pin(Span* span, unsigned slot);
+    void unpin(Span* span, unsigned slot);
+    bool pinInTable(Span* span, unsigned slot);
+    void unpinInTable(Span* span, unsigned slot);
+    void spanUnpinned(Span* span);
+    void takePrint(Span* span);
+    void mappedForWriting(Span* span);
+    HXL_VMM_COLD void* mapSlow(unsigned long long offset, bool forWriting);
+    HXL_VMM_COLD void dismissSlow(unsigned long long offset);
+    bool endPins(Span* span, unsigned slot);
+    bool keepEmptied(Span* span);
     void ringInsert(Span* span);
     void ringRemove(Span* span);
     char* takeBuffer(unsigned pages, bool& recycled);
@@ -350,30 +409,34 @@ private:
     void nonFullRemove(Span* span);
     void checkSpan(const Span* span) const;
 
-    unsigned long long m_budget;
+    // The published table (VirtualMemoryFastPath.h): the fast map and the counts a hit keeps.
+    // Its budget is the resident budget; residentBytes is the sum of the sizes of resident
+    // spans; outstanding counts objects with a count above 0; unpinnedResident counts resident
+    // spans with no pinned object.
+    FastTable m_table{};
+    std::vector<FastPage> m_fastPages;
+    std::vector<Span*> m_pageMap; // span record of every page of a live span
     std::vector<SizeClass> m_classes;
     std::vector<unsigned short> m_classOfGranules; // (size + 15) / 16 -> class index
-    std::vector<Span*> m_pageMap;
     ExtentAllocator m_pageNumbers{1};
     PageFile m_file;
-    RecordArena m_records;
+    RecordArena<8, 256> m_records;
+    RecordArena<kHotAlign, 640> m_hotBlocks;
     std::unordered_map<unsigned long long, unsigned> m_bigCounts; // offset -> count >= 255
     Span* m_hand = nullptr; // the clock hand: next span the sweep looks at; null if no span
-    unsigned long long m_unpinnedResident = 0;
-    unsigned long long m_residentBytes = 0;
     std::vector<BatchEntry> m_batch; // spans chosen to be written, still resident
     unsigned long long m_batchBytes = 0;
     std::vector<iovec> m_pieces;       // scratch for gathered transfers
     std::vector<Span*> m_run;          // scratch for read-ahead
+    std::vector<FastSpan*> m_hots;     // scratch for read-ahead: the runs' hot blocks
     std::deque<ScanEntry> m_scanQueue; // spans read in file order, oldest first
     unsigned m_scanStamps = 0;
     unsigned m_nextSequential = kNoSlot; // file page just behind the last span read
     std::vector<std::vector<char*>> m_buffers{kCachedBufferPages + 1}; // by page count
     unsigned long long m_bufferBytes = 0;
-    unsigned long long m_outstanding = 0;
     unsigned long long m_objectsCurrent = 0;
-    unsigned long long m_objectsMax = 0;
-    unsigned long long m_objectsCumulative = 0;
+    unsigned long long m_objectsMax = 0;  // brought up to date before each deallocation
+    unsigned long long m_allocations = 0; // objects ever allocated
     unsigned long long m_largeSpans = 0;
     unsigned long long m_largePages = 0;
     unsigned long long m_pageReads = 0;
@@ -381,48 +444,6 @@ private:
     unsigned long long m_pageOuts = 0;
     unsigned long long m_pageDrops = 0;
 };
-
-// Raises the object's count by 1; false, with nothing changed, when it is at its largest or
-// the overflow table cannot grow.
-inline bool VirtualMemoryPool::Engine::pin(Span* span, unsigned slot) {
-    unsigned char& count = span->refs[slot];
-    if (count == kCountZero) {
-        count = kCountZero + 1;
-        ++m_outstanding;
-        if (span->pinCount++ == 0) {
-            --m_unpinnedResident;
-            if ((span->flags & kScanUsed) != 0) // used twice: no scan span any more
-                span->flags &= static_cast<unsigned char>(~(kScan | kScanUsed));
-        }
-        return true;
-    }
-    if (count < kCountInTable - 1) {
-        ++count;
-        return true;
-    }
-    return pinInTable(span, slot);
-}
-
-inline void VirtualMemoryPool::Engine::unpin(Span* span, unsigned slot) {
-    unsigned char& count = span->refs[slot];
-    if (count == kCountInTable) {
-        unpinInTable(span, slot);
-        return;
-    }
-    if (--count == kCountZero) {
-        --m_outstanding;
-        if (--span->pinCount == 0)
-            spanUnpinned(span);
-    }
-}
-
-inline void VirtualMemoryPool::Engine::spanUnpinned(Span* span) {
-    ++m_unpinnedResident;
-    if ((span->flags & (kScan | kFresh)) == 0 && m_residentBytes <= m_budget)
-        span->flags |= kReferenced;
-    else
-        unpinnedSlow(span);
-}
 
 } // namespace tcmalloc
 

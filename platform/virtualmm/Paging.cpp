@@ -11,30 +11,30 @@ namespace tcmalloc {
 // (rule 10), or nothing unpinned is left. Spans read in file order and used once go first, oldest
 // first (rule 12); then the clock sweeps. False only when a write failed (rule 8).
 bool VirtualMemoryPool::Engine::makeRoom(unsigned long long incoming) {
-    if (m_residentBytes + incoming <= m_budget)
+    if (m_table.residentBytes + incoming <= m_table.budget)
         return true;
-    const unsigned long long goal = m_budget - spare();
+    const unsigned long long goal = m_table.budget - spare();
     auto needMore = [&] {
-        return m_residentBytes - m_batchBytes + incoming > goal &&
-               m_unpinnedResident > m_batch.size();
+        return m_table.residentBytes - m_batchBytes + incoming > goal &&
+               m_table.unpinnedResident > m_batch.size();
     };
     while (needMore() && !m_scanQueue.empty()) {
         const ScanEntry entry = m_scanQueue.front();
         m_scanQueue.pop_front();
         Span* span = entry.span;
-        if (!isCurrent(entry) || (span->flags & kScan) == 0)
+        if (!isCurrent(entry) || !span->resident() || (span->hotFlags() & kFastScan) == 0)
             continue; // stale
-        span->flags &= static_cast<unsigned char>(~(kScan | kScanUsed));
-        if (span->pinCount == 0 && (span->flags & kInBatch) == 0 && !chooseVictim(span))
+        span->hotFlags() &= static_cast<unsigned char>(~(kFastScan | kFastScanUsed));
+        if (span->pins() == 0 && (span->flags & kInBatch) == 0 && !chooseVictim(span))
             return false;
     }
     while (needMore()) {
         Span* span = m_hand;
         m_hand = span->ringNext;
-        if (span->pinCount > 0 || (span->flags & kInBatch) != 0)
+        if (span->pins() > 0 || (span->flags & kInBatch) != 0)
             continue;
-        if ((span->flags & kReferenced) != 0) {
-            span->flags &= static_cast<unsigned char>(~kReferenced);
+        if ((span->hotFlags() & kFastReferenced) != 0) {
+            span->hotFlags() &= static_cast<unsigned char>(~kFastReferenced);
             continue;
         }
         if (!chooseVictim(span))
@@ -44,21 +44,26 @@ bool VirtualMemoryPool::Engine::makeRoom(unsigned long long incoming) {
 }
 
 // The unpinned span leaves memory: at once when its copy is exact or its bytes unchanged
-// (rule 4), else through the batch. False only when flushing the batch failed.
+// (rule 4), else through the batch; a class's kept empty span is released instead, since its
+// bytes mean nothing. False only when flushing the batch failed.
 bool VirtualMemoryPool::Engine::chooseVictim(Span* span) {
-    if (span->copy != kCopyExact) {
-        const bool taken = (span->flags & kPrintTaken) != 0;
+    if (span->liveCount == 0 && span->classIndex != kLargeClass) {
+        --m_classes[span->classIndex].emptySpans;
+        releaseSpan(span);
+        return true;
+    }
+    if (span->state != kExact) {
         const unsigned long long print =
-            taken ? span->fingerprint : fingerprint(span->memory, span->bytes());
-        if (span->copy == kCopyNone || print != span->fingerprint) {
+            span->state == kPrinted ? span->fingerprint : fingerprint(span->memory, span->bytes());
+        if (span->state != kMaybe || print != span->fingerprint) {
             m_batch.push_back({span, print, false}); // cannot throw: flushed at capacity
-            span->flags = static_cast<unsigned char>((span->flags & ~kPrintTaken) | kInBatch);
+            span->flags |= kInBatch;
             m_batchBytes += span->bytes();
             if (m_batchBytes >= kIoRunBytes || m_batch.size() == m_batch.capacity())
                 return flushBatch();
             return true;
         }
-        span->copy = kCopyExact; // mapped for writing, but not a byte changed
+        setState(span, kExact); // mapped for writing, but not a byte changed
     }
     ++m_pageDrops;
     evict(span);
@@ -101,15 +106,15 @@ bool VirtualMemoryPool::Engine::flushBatch() {
             span->flags &= static_cast<unsigned char>(~kInBatch);
             if (written) {
                 span->fingerprint = m_batch[i].fingerprint;
-                span->copy = kCopyExact;
+                setState(span, kExact);
                 ++m_pageWrites;
                 evict(span);
                 continue;
             }
             if (m_batch[i].newSlot)
                 giveFileSlot(span);
-            else if (attempted)
-                span->copy = kCopyNone; // its slot may now hold part of the new bytes (rule 8)
+            if (attempted || span->state == kPrinted)
+                setState(span, kNoCopy); // its slot may now hold part of the new bytes (rule 8)
         }
     }
     m_batch.clear();
@@ -119,14 +124,7 @@ bool VirtualMemoryPool::Engine::flushBatch() {
 
 // The span, unpinned and with an exact copy, leaves memory.
 void VirtualMemoryPool::Engine::evict(Span* span) {
-    ringRemove(span);
-    --m_unpinnedResident;
-    dropBuffer(span->memory, span->pageCount);
-    m_records.give(span->refs, slotCount(span));
-    span->memory = nullptr;
-    span->refs = nullptr;
-    span->flags &= static_cast<unsigned char>(~kReferenced);
-    m_residentBytes -= span->bytes();
+    leaveMemory(span);
     m_pageOuts += span->pageCount;
 }
 
@@ -145,11 +143,10 @@ bool VirtualMemoryPool::Engine::pageIn(Span* span) {
     unsigned next = span->fileSlot + span->pageCount;
     const bool sequential = span->fileSlot == m_nextSequential;
     if (sequential) {
-        const unsigned long long limit = std::min(kIoRunBytes, m_budget / 4);
+        const unsigned long long limit = std::min(kIoRunBytes, m_table.budget / 4);
         while (m_run.size() < m_run.capacity()) {
             Span* follower = static_cast<Span*>(const_cast<void*>(m_file.ownerAt(next)));
-            if (follower == nullptr || follower->memory != nullptr ||
-                runBytes + follower->bytes() > limit)
+            if (follower == nullptr || follower->resident() || runBytes + follower->bytes() > limit)
                 break;
             m_run.push_back(follower);
             runBytes += follower->bytes();
@@ -159,24 +156,22 @@ bool VirtualMemoryPool::Engine::pageIn(Span* span) {
     if (!makeRoom(runBytes))
         return false;
     // What is pinned may leave no room for reading ahead.
-    while (m_run.size() > 1 && m_residentBytes + runBytes > m_budget) {
+    while (m_run.size() > 1 && m_table.residentBytes + runBytes > m_table.budget) {
         runBytes -= m_run.back()->bytes();
         m_run.pop_back();
     }
     m_pieces.clear();
+    m_hots.clear();
     for (Span* member : m_run) {
         bool recycled;
         char* memory = takeBuffer(member->pageCount, recycled);
-        unsigned char* refs =
-            memory ? static_cast<unsigned char*>(m_records.take(slotCount(member))) : nullptr;
-        if (refs == nullptr) {
+        FastSpan* hot = memory ? takeHot(member->classIndex) : nullptr;
+        if (hot == nullptr) {
             if (memory != nullptr)
                 dropBuffer(memory, member->pageCount);
             break;
         }
-        for (unsigned slot = 0; slot < slotCount(member); ++slot)
-            refs[slot] = member->isLive(slot) ? kCountZero : kFreeSlot;
-        member->refs = refs;
+        m_hots.push_back(hot); // cannot throw: reserved as m_run
         m_pieces.push_back({memory, member->bytes()});
     }
     m_run.resize(m_pieces.size());
@@ -192,16 +187,10 @@ bool VirtualMemoryPool::Engine::pageIn(Span* span) {
         char* memory = static_cast<char*>(m_pieces[i].iov_base);
         if (i >= readCount || fingerprint(memory, member->bytes()) != member->fingerprint) {
             dropBuffer(memory, member->pageCount);
-            m_records.give(member->refs, slotCount(member));
-            member->refs = nullptr;
+            m_hotBlocks.give(m_hots[i], hotBytes(member->classIndex));
             continue;
         }
-        member->memory = memory;
-        member->copy = kCopyExact;
-        member->flags = static_cast<unsigned char>((member->flags & kOnNonFullList) | kFresh);
-        m_residentBytes += member->bytes();
-        ++m_unpinnedResident; // a paged-out span is never pinned
-        ringInsert(member);
+        becomeResident(member, memory, m_hots[i], kExact);
         ++m_pageReads;
         ok |= member == span;
         if (sequential)
@@ -215,11 +204,11 @@ bool VirtualMemoryPool::Engine::pageIn(Span* span) {
 // The span, just read in file order, goes on the scan queue; the queue keeps at most about a
 // budget's worth of entries, stale ones included.
 void VirtualMemoryPool::Engine::queueForScan(Span* span) {
-    if (m_scanQueue.size() > (m_budget >> kPageShift) + 64) {
+    if (m_scanQueue.size() > (m_table.budget >> kPageShift) + 64) {
         const ScanEntry old = m_scanQueue.front();
         m_scanQueue.pop_front();
-        if (isCurrent(old))
-            old.span->flags &= static_cast<unsigned char>(~(kScan | kScanUsed));
+        if (isCurrent(old) && old.span->resident())
+            old.span->hotFlags() &= static_cast<unsigned char>(~(kFastScan | kFastScanUsed));
     }
     try {
         m_scanQueue.push_back({span, span->firstPage, ++m_scanStamps});
@@ -227,35 +216,22 @@ void VirtualMemoryPool::Engine::queueForScan(Span* span) {
         return; // the span is then left to the clock
     }
     span->scanStamp = m_scanStamps;
-    span->flags |= kScan;
+    span->hotFlags() |= kFastScan;
 }
 
 // Rule 13: the first release of a span that came in, in a full store, takes its fingerprint
 // while its bytes are still in cache, so the sweep need not read them again.
 void VirtualMemoryPool::Engine::takePrint(Span* span) {
-    span->flags &= static_cast<unsigned char>(~kFresh);
-    if (span->copy == kCopyExact || m_residentBytes + 2 * spare() < m_budget)
+    span->hotFlags() &= static_cast<unsigned char>(~kFastFresh);
+    if (span->state == kExact || m_table.residentBytes + 2 * spare() < m_table.budget)
         return;
     const unsigned long long print = fingerprint(span->memory, span->bytes());
-    if (span->copy == kCopyMaybe && print == span->fingerprint) {
-        span->copy = kCopyExact;
+    if (span->state == kMaybe && print == span->fingerprint) {
+        setState(span, kExact);
         return;
     }
-    span->copy = kCopyNone; // changed: the copy in its slot, if any, is out of date
-    span->fingerprint = print;
-    span->flags |= kPrintTaken;
-}
-
-// A span read in file order earns no second chance from its first use (rule 12); a span that
-// came in may have its fingerprint taken (rule 13).
-void VirtualMemoryPool::Engine::unpinnedSlow(Span* span) {
-    span->flags |= (span->flags & kScan) != 0 ? kScanUsed : kReferenced;
-    if ((span->flags & kFresh) != 0)
-        takePrint(span);
-    // What was pinned may have held the store above its budget; a failed page-out here is
-    // retried by the next call that needs room (rule 8).
-    if (m_residentBytes > m_budget)
-        makeRoom(0);
+    span->fingerprint = print; // changed: the copy in its slot, if any, is out of date
+    setState(span, kPrinted);
 }
 
 } // namespace tcmalloc

@@ -2,6 +2,7 @@
 // class lists, and the checker that walks the whole store (Engine.h, design rules).
 #include "Engine.h"
 
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 
@@ -22,8 +23,9 @@ namespace {
 
 } // namespace
 
-VirtualMemoryPool::Engine::Engine(unsigned long long budget, const char* path)
-    : m_budget(budget == 0 ? kPageSize : budget), m_file(path) {
+VirtualMemoryPool::Engine::Engine(unsigned long long budget, const char* path) : m_file(path) {
+    m_table.budget = budget == 0 ? kPageSize : budget;
+    m_table.layout = FastTable::kFastLayout;
     // Classes: 16-byte steps to 128, then four classes per doubling up to 8 KiB. Each class
     // takes the shortest span (1 to 8 pages) that wastes at most an eighth of itself: short
     // spans make paging fine-grained.
@@ -37,7 +39,11 @@ VirtualMemoryPool::Engine::Engine(unsigned long long budget, const char* path)
             }
         }
         const unsigned slots = static_cast<unsigned>(bestPages * kPageSize / size);
-        m_classes.push_back(SizeClass{size, bestPages, slots, (slots + 63) / 64, 0, 0, 0, nullptr});
+        // An offset inside the span gives a slot index up to (bytes - 1) / size: the indices
+        // past the last slot have bytes of their own, always free, so a hit needs no bound.
+        const unsigned countBytes = static_cast<unsigned>((bestPages * kPageSize - 1) / size + 1);
+        m_classes.push_back(SizeClass{size, bestPages, slots, (slots + 63) / 64, countBytes,
+                                      ~0ULL / size + 1, 0, 0, 0, nullptr});
         unsigned step = kClassGranule;
         if (size >= 128) {
             unsigned power = 128;
@@ -54,6 +60,7 @@ VirtualMemoryPool::Engine::Engine(unsigned long long budget, const char* path)
     m_batch.reserve(kIoRunBytes >> kPageShift);
     m_pieces.reserve(kIoRunBytes >> kPageShift);
     m_run.reserve(kIoRunBytes >> kPageShift);
+    m_hots.reserve(kIoRunBytes >> kPageShift);
     m_classOfGranules.resize(kMaxSmallSize / kClassGranule + 1);
     unsigned index = 0;
     for (unsigned granules = 0; granules < m_classOfGranules.size(); ++granules) {
@@ -71,7 +78,7 @@ VirtualMemoryPool::Engine::~Engine() {
         if (span == nullptr)
             continue;
         page += span->pageCount - 1; // the span's other pages name it too
-        std::free(span->memory);
+        std::free(span->memory);     // null when paged out
     }
     for (std::vector<char*>& bucket : m_buffers)
         for (char* buffer : bucket)
@@ -103,63 +110,109 @@ void VirtualMemoryPool::Engine::dropBuffer(char* memory, unsigned pages) {
     std::free(memory);
 }
 
+// Grows or shrinks both page maps to `pages` entries and publishes the fast map; false, with
+// the maps as they were in length, when they cannot grow. New entries are null.
+bool VirtualMemoryPool::Engine::resizePageMap(unsigned long long pages) {
+    try {
+        m_fastPages.resize(pages, FastPage{nullptr, nullptr});
+        m_pageMap.resize(pages, nullptr);
+    } catch (const std::bad_alloc&) {
+        m_fastPages.resize(m_pageMap.size()); // shrinking does not throw
+        return false;
+    }
+    m_table.pages = m_fastPages.data();
+    m_table.pageCount = m_fastPages.size();
+    return true;
+}
+
+void VirtualMemoryPool::Engine::mapPages(Span* span, FastSpan* hot, char* bias) {
+    for (unsigned i = 0; i < span->pageCount; ++i)
+        m_fastPages[span->firstPage + i] = FastPage{bias, hot};
+}
+
+FastSpan* VirtualMemoryPool::Engine::takeHot(unsigned short classIndex) {
+    return static_cast<FastSpan*>(m_hotBlocks.take(hotBytes(classIndex)));
+}
+
+void VirtualMemoryPool::Engine::becomeResident(Span* span, char* memory, FastSpan* hot,
+                                               SpanState state) {
+    std::memset(static_cast<void*>(hot), 0, hotBytes(span->classIndex));
+    hot->base = span->baseOffset();
+    hot->divisor = divisorOf(span);
+    hot->pageCount = span->pageCount;
+    hot->owner = span;
+    hot->flags = kFastFresh;
+    unsigned char* counts = hot->counts();
+    for (unsigned slot = 0; slot < slotCount(span); ++slot)
+        counts[slot] = span->isLive(slot) ? kCountZero : kFreeSlot;
+    span->memory = memory;
+    span->hot = hot;
+    setState(span, state);
+    mapPages(span, hot, memory - span->baseOffset());
+    m_table.residentBytes += span->bytes();
+    ++m_table.unpinnedResident; // a span comes in unpinned
+    ringInsert(span);
+}
+
+void VirtualMemoryPool::Engine::leaveMemory(Span* span) {
+    ringRemove(span);
+    if (span->pins() == 0)
+        --m_table.unpinnedResident;
+    m_table.residentBytes -= span->bytes();
+    mapPages(span, nullptr, nullptr);
+    dropBuffer(span->memory, span->pageCount);
+    m_hotBlocks.give(span->hot, hotBytes(span->classIndex));
+    span->memory = nullptr;
+    span->hot = nullptr;
+    span->state = kPagedOut;
+}
+
 Span* VirtualMemoryPool::Engine::newSpan(unsigned short classIndex, unsigned pages) {
     const unsigned long long bytes = static_cast<unsigned long long>(pages) << kPageShift;
-    const unsigned slots = classIndex == kLargeClass ? 1 : m_classes[classIndex].slots;
     const unsigned words = classIndex == kLargeClass ? 1 : m_classes[classIndex].words;
+    const std::size_t recordSize = sizeof(Span) + 8 * words;
     // Page numbers are 32-bit; a store that would pass them gives null.
     if (m_pageNumbers.end() + pages > 0xFFFFFFFFULL)
         return nullptr;
+    // The page map grows before anything else changes, to cover the pages take() may add at
+    // the end: running out of memory leaves the store as it was and gives null. A map longer
+    // than the page numbers in use is harmless: its tail stays null.
+    if (m_pageNumbers.end() + pages > m_pageMap.size() &&
+        !resizePageMap(m_pageNumbers.end() + pages))
+        return nullptr;
     bool recycled;
     char* memory = takeBuffer(pages, recycled);
-    if (memory == nullptr)
+    FastSpan* hot = memory != nullptr ? takeHot(classIndex) : nullptr;
+    Span* span = hot != nullptr ? static_cast<Span*>(m_records.take(recordSize)) : nullptr;
+    unsigned long long firstPage = 0;
+    if (span != nullptr) {
+        try {
+            firstPage = m_pageNumbers.take(pages);
+        } catch (const std::bad_alloc&) {
+            m_records.give(span, recordSize);
+            span = nullptr;
+        }
+    }
+    if (span == nullptr) {
+        if (hot != nullptr)
+            m_hotBlocks.give(hot, hotBytes(classIndex));
+        if (memory != nullptr)
+            dropBuffer(memory, pages);
         return nullptr;
+    }
     // Fresh memory is cleared so that a page file never receives uninitialised bytes; a
     // recycled buffer holds old bytes of this store, which are as good.
     if (!recycled)
         std::memset(memory, 0, bytes);
-    Span* span = static_cast<Span*>(m_records.take(sizeof(Span) + 8 * words));
-    unsigned char* refs = static_cast<unsigned char*>(m_records.take(slots));
-    unsigned long long firstPage = 0;
-    bool taken = false;
-    try {
-        // The page map grows before anything else changes, to cover the pages take() may add
-        // at the end: running out of memory leaves the store as it was and gives null. A map
-        // longer than the page numbers in use is harmless: its tail stays null.
-        if (span != nullptr && refs != nullptr) {
-            if (m_pageNumbers.end() + pages > m_pageMap.size())
-                m_pageMap.resize(m_pageNumbers.end() + pages, nullptr);
-            firstPage = m_pageNumbers.take(pages);
-            taken = true;
-        }
-    } catch (const std::bad_alloc&) {
-    }
-    if (!taken) {
-        dropBuffer(memory, pages);
-        if (span != nullptr)
-            m_records.give(span, sizeof(Span) + 8 * words);
-        if (refs != nullptr)
-            m_records.give(refs, slots);
-        return nullptr;
-    }
-    std::memset(static_cast<void*>(span), 0, sizeof(Span) + 8 * words);
-    std::memset(refs, 0, slots);
-    span->memory = memory;
-    span->refs = refs;
+    std::memset(static_cast<void*>(span), 0, recordSize);
     span->firstPage = static_cast<unsigned>(firstPage);
     span->pageCount = pages;
     span->classIndex = classIndex;
     span->elementSize = classIndex == kLargeClass ? 0 : m_classes[classIndex].elementSize;
-    span->slotMagic =
-        span->elementSize == 0 ? 0 : static_cast<unsigned>((1ULL << 32) / span->elementSize + 1);
-    span->copy = kCopyNone; // nothing of it is in the page file yet
-    span->flags = kFresh;
     span->fileSlot = kNoSlot;
+    becomeResident(span, memory, hot, kNoCopy); // nothing of it is in the page file yet
     for (unsigned i = 0; i < pages; ++i)
         m_pageMap[firstPage + i] = span;
-    m_residentBytes += bytes;
-    ++m_unpinnedResident;
-    ringInsert(span);
     if (classIndex == kLargeClass) {
         ++m_largeSpans;
         m_largePages += pages;
@@ -170,14 +223,8 @@ Span* VirtualMemoryPool::Engine::newSpan(unsigned short classIndex, unsigned pag
 }
 
 void VirtualMemoryPool::Engine::releaseSpan(Span* span) {
-    if (span->memory != nullptr) {
-        ringRemove(span);
-        if (span->pinCount == 0)
-            --m_unpinnedResident;
-        m_residentBytes -= span->bytes();
-        dropBuffer(span->memory, span->pageCount);
-        m_records.give(span->refs, slotCount(span));
-    }
+    if (span->resident())
+        leaveMemory(span);
     if (span->fileSlot != kNoSlot)
         giveFileSlot(span);
     if (span->classIndex == kLargeClass) {
@@ -195,7 +242,7 @@ void VirtualMemoryPool::Engine::releaseSpan(Span* span) {
         // The page numbers stay taken: offset space is lost, never handed out twice.
     }
     if (m_pageNumbers.end() < m_pageMap.size())
-        m_pageMap.resize(m_pageNumbers.end());
+        resizePageMap(m_pageNumbers.end());
     m_records.give(span, recordBytes(span));
 }
 
@@ -229,7 +276,7 @@ void VirtualMemoryPool::Engine::nonFullPush(Span* span) {
     span->flags |= kOnNonFullList;
     span->classPrev = nullptr;
     // Resident spans go in front, so allocation rarely has to page one in.
-    if (span->memory != nullptr || sc.nonFull == nullptr) {
+    if (span->resident() || sc.nonFull == nullptr) {
         span->classNext = sc.nonFull;
         if (sc.nonFull)
             sc.nonFull->classPrev = span;
@@ -237,7 +284,7 @@ void VirtualMemoryPool::Engine::nonFullPush(Span* span) {
         return;
     }
     Span* last = sc.nonFull;
-    while (last->classNext != nullptr && last->classNext->memory != nullptr)
+    while (last->classNext != nullptr && last->classNext->resident())
         last = last->classNext;
     span->classNext = last->classNext;
     span->classPrev = last;
@@ -262,82 +309,121 @@ void VirtualMemoryPool::Engine::nonFullRemove(Span* span) {
 
 void VirtualMemoryPool::Engine::checkSpan(const Span* span) const {
     const unsigned slots = slotCount(span);
+    const unsigned long long base = span->baseOffset();
     unsigned live = 0, pinned = 0;
     for (unsigned word = 0; word < bitmapWords(span); ++word)
         live += static_cast<unsigned>(__builtin_popcountll(span->live()[word]));
-    VMM_CHECK(live == span->liveCount, span->firstPage);
+    VMM_CHECK(live == span->liveCount, base);
     VMM_CHECK(slots == 64 * bitmapWords(span) || (span->live()[slots >> 6] >> (slots & 63)) == 0,
-              span->firstPage); // no bit beyond the last slot
-    if (span->memory != nullptr) {
-        VMM_CHECK(span->refs != nullptr, span->firstPage);
+              base); // no bit beyond the last slot
+    VMM_CHECK(span->state <= kPagedOut, span->state);
+    if (span->resident()) { // rule 14
+        const FastSpan* hot = span->hot;
+        VMM_CHECK(span->memory != nullptr && hot != nullptr, base);
+        VMM_CHECK(reinterpret_cast<std::uintptr_t>(hot) % kHotAlign == 0, base);
+        VMM_CHECK(hot->owner == span && hot->base == base && hot->pageCount == span->pageCount,
+                  base);
+        VMM_CHECK(hot->divisor == divisorOf(span), base);
+        VMM_CHECK(((hot->flags & kFastWriteSlow) != 0) ==
+                      (span->state == kPrinted || span->state == kExact),
+                  base);
+        VMM_CHECK((hot->flags & kFastScanUsed) == 0 || hot->pinCount == 0, base);
+        for (unsigned i = 0; i < span->pageCount; ++i) {
+            const FastPage& entry = m_fastPages[span->firstPage + i];
+            VMM_CHECK(entry.span == hot && entry.bias == span->memory - base, base + i);
+        }
+        const unsigned char* counts = span->hot->counts();
         for (unsigned slot = 0; slot < slots; ++slot) {
-            VMM_CHECK(span->isLive(slot) == (span->refs[slot] != kFreeSlot),
-                      slotOffset(span, slot));
-            VMM_CHECK(span->refs[slot] != kCountInTable ||
+            VMM_CHECK(span->isLive(slot) == (counts[slot] != kFreeSlot), slotOffset(span, slot));
+            VMM_CHECK(counts[slot] != kCountInTable ||
                           m_bigCounts.count(slotOffset(span, slot)) == 1,
                       slotOffset(span, slot));
-            pinned += span->refs[slot] > kCountZero;
+            pinned += counts[slot] > kCountZero;
         }
-    } else { // rule 9
-        VMM_CHECK(span->refs == nullptr && span->ringNext == nullptr, span->firstPage);
-        VMM_CHECK(span->copy == kCopyExact && span->fileSlot != kNoSlot, span->firstPage);
+        const std::size_t countBytes = hotBytes(span->classIndex) - FastSpan::kCountsOffset;
+        for (std::size_t index = slots; index < countBytes; ++index)
+            VMM_CHECK(counts[index] == kFreeSlot, base); // past the last slot: never live
+        VMM_CHECK(pinned == hot->pinCount, base);        // rule 1
+    } else {                                             // rule 9
+        VMM_CHECK(span->memory == nullptr && span->hot == nullptr, base);
+        VMM_CHECK(span->ringNext == nullptr && span->fileSlot != kNoSlot, base);
+        for (unsigned i = 0; i < span->pageCount; ++i)
+            VMM_CHECK(m_fastPages[span->firstPage + i].span == nullptr, base + i);
     }
-    VMM_CHECK(pinned == span->pinCount, span->firstPage); // rule 1 for paged-out spans
-    VMM_CHECK(span->copy == kCopyNone || span->fileSlot != kNoSlot, span->firstPage);
-    VMM_CHECK(span->fileSlot == kNoSlot || m_file.ownerAt(span->fileSlot) == span, span->firstPage);
-    VMM_CHECK((span->flags & kInBatch) == 0, span->firstPage);
-    VMM_CHECK((span->flags & kPrintTaken) == 0 ||
-                  (span->copy == kCopyNone &&
-                   fingerprint(span->memory, span->bytes()) == span->fingerprint),
-              span->firstPage); // rule 13
+    VMM_CHECK(span->state != kMaybe || span->fileSlot != kNoSlot, base);
+    VMM_CHECK(span->state != kExact || span->fileSlot != kNoSlot, base);
+    VMM_CHECK(span->fileSlot == kNoSlot || m_file.ownerAt(span->fileSlot) == span, base);
+    VMM_CHECK((span->flags & kInBatch) == 0, base);
+    VMM_CHECK(span->state != kPrinted ||
+                  fingerprint(span->memory, span->bytes()) == span->fingerprint,
+              base); // rule 13
+    if (span->classIndex != kLargeClass) {
+        const SizeClass& sc = m_classes[span->classIndex];
+        VMM_CHECK(((span->flags & kOnNonFullList) != 0) == (span->liveCount < sc.slots), base);
+    }
 }
 
 void VirtualMemoryPool::Engine::verify() const {
     unsigned long long resident = 0, outstanding = 0, objects = 0, bigCounts = 0;
     unsigned long long pagesMapped = 0, filePages = 0, slots = 0;
+    VMM_CHECK(m_table.pages == m_fastPages.data() && m_table.pageCount == m_fastPages.size(),
+              m_table.pageCount);
+    VMM_CHECK(m_fastPages.size() >= m_pageMap.size(), m_fastPages.size());
+    for (unsigned long long page = m_pageMap.size(); page < m_fastPages.size(); ++page)
+        VMM_CHECK(m_fastPages[page].span == nullptr, page);
+    std::vector<unsigned> emptySpans(m_classes.size(), 0);
     for (unsigned long long page = 0; page < m_pageMap.size(); ++page) {
         const Span* span = m_pageMap[page];
-        if (span == nullptr)
+        if (span == nullptr) {
+            VMM_CHECK(m_fastPages[page].span == nullptr, page); // rule 14
             continue;
+        }
         ++pagesMapped;
         VMM_CHECK(page >= span->firstPage && page < span->firstPage + span->pageCount, page);
         if (span->firstPage != page)
             continue;
         checkSpan(span);
-        if (span->memory != nullptr) {
+        if (span->resident()) {
             resident += span->bytes();
             for (unsigned slot = 0; slot < slotCount(span); ++slot) {
-                outstanding += span->refs[slot] > kCountZero;
-                bigCounts += span->refs[slot] == kCountInTable;
+                outstanding += span->counts()[slot] > kCountZero;
+                bigCounts += span->counts()[slot] == kCountInTable;
             }
         }
         if (span->fileSlot != kNoSlot) {
             filePages += span->pageCount;
             ++slots;
         }
+        if (span->classIndex != kLargeClass && span->liveCount == 0)
+            ++emptySpans[span->classIndex];
         objects += span->liveCount;
+    }
+    // Rule 16: at most one empty span per class, and the count of them is exact.
+    for (std::size_t index = 0; index < m_classes.size(); ++index) {
+        VMM_CHECK(emptySpans[index] == m_classes[index].emptySpans, index);
+        VMM_CHECK(emptySpans[index] <= 1, index);
     }
     // Rule 2: the ring holds the resident spans, each once, and unpinnedResident is exact.
     unsigned long long ringLength = 0, ringUnpinned = 0, residentSpans = 0;
     if (m_hand != nullptr) {
         const Span* span = m_hand;
         do {
-            VMM_CHECK(span->memory != nullptr, span->firstPage);
+            VMM_CHECK(span->resident(), span->firstPage);
             VMM_CHECK(m_pageMap[span->firstPage] == span, span->firstPage);
             VMM_CHECK(span->ringNext->ringPrev == span, span->firstPage);
-            ringUnpinned += span->pinCount == 0;
+            ringUnpinned += span->pins() == 0;
             ++ringLength;
             span = span->ringNext;
         } while (span != m_hand && ringLength <= m_pageMap.size());
     }
     for (unsigned long long page = 0; page < m_pageMap.size(); ++page) {
         const Span* span = m_pageMap[page];
-        residentSpans += span != nullptr && span->firstPage == page && span->memory != nullptr;
+        residentSpans += span != nullptr && span->firstPage == page && span->resident();
     }
     VMM_CHECK(ringLength == residentSpans, ringLength);
-    VMM_CHECK(ringUnpinned == m_unpinnedResident, ringUnpinned);
-    VMM_CHECK(resident == m_residentBytes, resident);     // rule 3
-    VMM_CHECK(outstanding == m_outstanding, outstanding); // rule 7
+    VMM_CHECK(ringUnpinned == m_table.unpinnedResident, ringUnpinned);
+    VMM_CHECK(resident == m_table.residentBytes, resident);     // rule 3
+    VMM_CHECK(outstanding == m_table.outstanding, outstanding); // rule 7
     VMM_CHECK(bigCounts == m_bigCounts.size(), bigCounts);
     VMM_CHECK(objects == m_objectsCurrent, objects);
     VMM_CHECK(m_batch.empty() && m_batchBytes == 0, m_batch.size());

@@ -8,13 +8,61 @@
 namespace tcmalloc {
 
 unsigned VirtualMemoryPool::Engine::countOf(const Span* span, unsigned slot) const {
-    const unsigned char count = span->refs[slot];
+    const unsigned char count = span->counts()[slot];
     return count == kCountInTable ? m_bigCounts.at(slotOffset(span, slot)) : count - kCountZero;
+}
+
+// Raises the object's count by 1; false, with nothing changed, when it is at its largest or
+// the overflow table cannot grow.
+bool VirtualMemoryPool::Engine::pin(Span* span, unsigned slot) {
+    unsigned char& count = span->counts()[slot];
+    if (count == kCountZero) {
+        count = kCountZero + 1;
+        ++m_table.outstanding;
+        if (span->pins()++ == 0) {
+            --m_table.unpinnedResident;
+            if ((span->hotFlags() & kFastScanUsed) != 0) // used twice: no scan span any more
+                span->hotFlags() &= static_cast<unsigned char>(~(kFastScan | kFastScanUsed));
+        }
+        return true;
+    }
+    if (count < kCountInTable - 1) {
+        ++count;
+        return true;
+    }
+    return pinInTable(span, slot);
+}
+
+void VirtualMemoryPool::Engine::unpin(Span* span, unsigned slot) {
+    unsigned char& count = span->counts()[slot];
+    if (count == kCountInTable) {
+        unpinInTable(span, slot);
+        return;
+    }
+    if (--count == kCountZero) {
+        --m_table.outstanding;
+        if (--span->pins() == 0)
+            spanUnpinned(span);
+    }
+}
+
+// The span's last pin went. A span read in file order earns no second chance from its first
+// use (rule 12); a span that came in may have its fingerprint taken (rule 13); what was pinned
+// may have held the store above its budget, and a failed page-out here is retried by the next
+// call that needs room (rule 8).
+void VirtualMemoryPool::Engine::spanUnpinned(Span* span) {
+    ++m_table.unpinnedResident;
+    unsigned char& flags = span->hotFlags();
+    flags |= (flags & kFastScan) != 0 ? kFastScanUsed : kFastReferenced;
+    if ((flags & kFastFresh) != 0)
+        takePrint(span);
+    if (m_table.residentBytes > m_table.budget)
+        makeRoom(0);
 }
 
 // Counts from 255 up live in the overflow table.
 bool VirtualMemoryPool::Engine::pinInTable(Span* span, unsigned slot) {
-    unsigned char& count = span->refs[slot];
+    unsigned char& count = span->counts()[slot];
     const unsigned long long offset = slotOffset(span, slot);
     if (count == kCountInTable) {
         unsigned& big = m_bigCounts.find(offset)->second;
@@ -36,7 +84,7 @@ void VirtualMemoryPool::Engine::unpinInTable(Span* span, unsigned slot) {
     auto it = m_bigCounts.find(slotOffset(span, slot));
     if (--it->second == kCountInTable - kCountZero - 1) {
         m_bigCounts.erase(it);
-        span->refs[slot] = kCountInTable - 1;
+        span->counts()[slot] = kCountInTable - 1;
     }
 }
 
@@ -50,7 +98,7 @@ void* VirtualMemoryPool::Engine::allocate(unsigned long long size, PageItem& ite
         SizeClass& sc = m_classes[classIndex];
         span = sc.nonFull;
         if (span != nullptr) {
-            if (span->memory == nullptr && !pageIn(span))
+            if (!span->resident() && !pageIn(span))
                 return nullptr;
         } else {
             if (!makeRoom(sc.pages * kPageSize))
@@ -86,16 +134,14 @@ void* VirtualMemoryPool::Engine::allocate(unsigned long long size, PageItem& ite
     span->live()[slot >> 6] |= 1ULL << (slot & 63);
     ++span->liveCount;
     ++m_objectsCurrent;
-    span->refs[slot] = kCountZero + 1; // a new object has count 1
-    ++m_outstanding;
-    if (span->pinCount++ == 0)
-        --m_unpinnedResident;
-    // Mapped for writing: the flags that say otherwise go (kScan with kScanUsed: used twice).
-    span->flags &= static_cast<unsigned char>(~(kPrintTaken | kScan | kScanUsed));
-    if (span->copy == kCopyExact)
-        span->copy = kCopyMaybe;
-    ++m_objectsCumulative;
-    m_objectsMax = std::max(m_objectsMax, m_objectsCurrent);
+    ++m_allocations;
+    span->counts()[slot] = kCountZero + 1; // a new object has count 1
+    ++m_table.outstanding;
+    if (span->pins()++ == 0)
+        --m_table.unpinnedResident;
+    // Mapped for writing: a scan span used twice is none any more.
+    span->hotFlags() &= static_cast<unsigned char>(~(kFastScan | kFastScanUsed));
+    mappedForWriting(span);
     item.offset = slotOffset(span, slot);
 #if HXL_VMM_CHECK_LEVEL >= 1
     checkSpan(span);
@@ -103,30 +149,14 @@ void* VirtualMemoryPool::Engine::allocate(unsigned long long size, PageItem& ite
     return span->memory + (item.offset - span->baseOffset());
 }
 
-// The hit path: a resident object whose count stays below the table and whose span needs no
-// change of state. Everything else goes to mapSlow, as a tail call, so that this path saves no
-// registers.
-void* VirtualMemoryPool::Engine::getAddress(unsigned long long offset, bool forWriting) {
+// Whatever the fast path declined (rule 15): a paged-out span, counts at the table, the first
+// pin of a used scan span, a write mapping that changes the copy state, or no object at all.
+void* VirtualMemoryPool::Engine::mapSlow(unsigned long long offset, bool forWriting) {
     unsigned slot;
     Span* span = find(offset, slot);
     if (span == nullptr)
         return nullptr;
-    unsigned char* refs = span->refs; // null while paged out
-    if (refs == nullptr || refs[slot] >= kCountInTable - 1 ||
-        (forWriting && ((span->flags & kPrintTaken) != 0 || span->copy == kCopyExact)) ||
-        (refs[slot] == kCountZero && (span->flags & kScanUsed) != 0))
-        return mapSlow(span, slot, offset, forWriting);
-    if (refs[slot]++ == kCountZero) {
-        ++m_outstanding;
-        if (span->pinCount++ == 0)
-            --m_unpinnedResident;
-    }
-    return span->memory + (offset - span->baseOffset());
-}
-
-void* VirtualMemoryPool::Engine::mapSlow(Span* span, unsigned slot, unsigned long long offset,
-                                         bool forWriting) {
-    if ((span->memory == nullptr && !pageIn(span)) || !pin(span, slot))
+    if ((!span->resident() && !pageIn(span)) || !pin(span, slot))
         return nullptr;
     if (forWriting)
         mappedForWriting(span);
@@ -135,15 +165,16 @@ void* VirtualMemoryPool::Engine::mapSlow(Span* span, unsigned slot, unsigned lon
 
 // The span may change: an exact copy becomes maybe stale, a fingerprint taken is void.
 void VirtualMemoryPool::Engine::mappedForWriting(Span* span) {
-    span->flags &= static_cast<unsigned char>(~kPrintTaken);
-    if (span->copy == kCopyExact)
-        span->copy = kCopyMaybe;
+    if (span->state == kExact)
+        setState(span, kMaybe);
+    else if (span->state == kPrinted)
+        setState(span, kNoCopy);
 }
 
-void VirtualMemoryPool::Engine::dismiss(unsigned long long offset) {
+void VirtualMemoryPool::Engine::dismissSlow(unsigned long long offset) {
     unsigned slot;
     Span* span = find(offset, slot);
-    if (span == nullptr || span->refs == nullptr || span->refs[slot] == kCountZero)
+    if (span == nullptr || !span->resident() || span->counts()[slot] == kCountZero)
         return;
     unpin(span, slot);
 }
@@ -151,7 +182,7 @@ void VirtualMemoryPool::Engine::dismiss(unsigned long long offset) {
 void VirtualMemoryPool::Engine::dirty(unsigned long long offset) {
     unsigned slot;
     Span* span = find(offset, slot);
-    if (span != nullptr && span->memory != nullptr)
+    if (span != nullptr && span->resident())
         mappedForWriting(span);
 }
 
@@ -160,58 +191,54 @@ void VirtualMemoryPool::Engine::deallocate(unsigned long long offset) {
     Span* span = find(offset, slot);
     if (span == nullptr)
         return;
-    unsigned char* refs = span->refs; // null while paged out
-    const bool unpinnedNow = refs != nullptr && refs[slot] > kCountZero && endPins(span, slot);
-    if (refs != nullptr)
-        refs[slot] = kFreeSlot;
+    m_objectsMax = std::max(m_objectsMax, m_objectsCurrent);
+    const bool resident = span->resident();
+    const bool unpinnedNow = resident && span->counts()[slot] > kCountZero && endPins(span, slot);
+    if (resident)
+        span->counts()[slot] = kFreeSlot;
     span->live()[slot >> 6] &= ~(1ULL << (slot & 63));
     --span->liveCount;
     --m_objectsCurrent;
-    if (span->classIndex == kLargeClass || span->liveCount == 0) {
-        if (!keepEmptied(span))
-            return;
-    } else {
-        --m_classes[span->classIndex].liveObjects;
+    if (span->classIndex == kLargeClass) {
+        releaseSpan(span);
+        return;
     }
+    --m_classes[span->classIndex].liveObjects;
+    if (span->liveCount == 0 && !keepEmptied(span))
+        return;
     if ((span->flags & kOnNonFullList) == 0)
         nonFullPush(span);
     // Ending a pinned object may have unpinned a span that held the store above its budget
     // (rule 3), as the last dismiss would have.
-    if (unpinnedNow && m_residentBytes > m_budget)
+    if (unpinnedNow && m_table.residentBytes > m_table.budget)
         makeRoom(0);
 }
 
 // The references of an object that is deallocated while pinned go with it; true when that
 // unpinned its span.
 bool VirtualMemoryPool::Engine::endPins(Span* span, unsigned slot) {
-    if (span->refs[slot] == kCountInTable)
+    if (span->counts()[slot] == kCountInTable)
         m_bigCounts.erase(slotOffset(span, slot));
-    --m_outstanding;
-    if (--span->pinCount != 0)
+    --m_table.outstanding;
+    if (--span->pins() != 0)
         return false;
-    ++m_unpinnedResident;
-    span->flags |= kReferenced;
+    ++m_table.unpinnedResident;
+    span->hotFlags() |= kFastReferenced;
     return true;
 }
 
-// A span left with no object: one resident empty span per class is kept, so that alloc and
-// free in turn do not make and release a span every time; false when the span was released.
+// A small span left with no object stays its class's current span while resident (rule 16);
+// false when the span was released instead.
 bool VirtualMemoryPool::Engine::keepEmptied(Span* span) {
-    if (span->classIndex == kLargeClass) {
-        releaseSpan(span);
-        return false;
-    }
     SizeClass& sc = m_classes[span->classIndex];
-    --sc.liveObjects;
-    if (sc.emptySpans > 0 || span->memory == nullptr) {
+    if (sc.emptySpans > 0 || !span->resident()) {
         releaseSpan(span);
         return false;
     }
     ++sc.emptySpans;
     if (span->fileSlot != kNoSlot)
-        giveFileSlot(span); // its bytes mean nothing any more
-    span->copy = kCopyNone; // a page-out must find it a slot again
-    span->flags &= static_cast<unsigned char>(~kPrintTaken);
+        giveFileSlot(span);  // its bytes mean nothing any more
+    setState(span, kNoCopy); // a page-out must find it a slot again
     return true;
 }
 
@@ -227,11 +254,11 @@ void VirtualMemoryPool::Engine::extractStats(VirtualMemoryStats* stats, unsigned
         return;
     std::memset(static_cast<void*>(stats), 0, recordSize);
     stats->pageSize = kPageSize;
-    stats->residentBudget = m_budget;
-    stats->residentBytes = m_residentBytes;
+    stats->residentBudget = m_table.budget;
+    stats->residentBytes = m_table.residentBytes;
     stats->objectsCurrent = m_objectsCurrent;
-    stats->objectsMax = m_objectsMax;
-    stats->objectsCumulative = m_objectsCumulative;
+    stats->objectsMax = std::max(m_objectsMax, m_objectsCurrent);
+    stats->objectsCumulative = m_allocations;
     stats->pageDrops = m_pageDrops;
     stats->pageFileSize = m_file.sizeInBytes();
     stats->pageReads = m_pageReads;
@@ -261,11 +288,11 @@ unsigned long long VirtualMemoryPool::Engine::outstanding(VirtualMemoryReference
                                                           unsigned long long* total) {
     // The count is kept; the sum and the list are walked for only when asked for.
     if (total == nullptr && (info == nullptr || count == 0))
-        return m_outstanding;
+        return m_table.outstanding;
     unsigned long long sum = 0, written = 0;
     for (unsigned long long page = 0; page < m_pageMap.size(); ++page) {
         const Span* span = m_pageMap[page];
-        if (span == nullptr || span->firstPage != page || span->pinCount == 0)
+        if (span == nullptr || span->firstPage != page || !span->resident() || span->pins() == 0)
             continue;
         for (unsigned slot = 0; slot < slotCount(span); ++slot) {
             const unsigned refs = span->isLive(slot) ? countOf(span, slot) : 0;
@@ -278,7 +305,7 @@ unsigned long long VirtualMemoryPool::Engine::outstanding(VirtualMemoryReference
     }
     if (total != nullptr)
         *total = sum;
-    return m_outstanding;
+    return m_table.outstanding;
 }
 
 // ------------------------------------------------------------------------------------------
@@ -331,3 +358,10 @@ void VirtualMemoryPool::Verify() const {
 }
 
 } // namespace tcmalloc
+
+extern "C" tcmalloc::FastTable*
+tcmalloc_VirtualMemoryPool_FastTable(tcmalloc::VirtualMemoryPool* pool) {
+    return pool->m_engine->fastTable();
+}
+
+namespace tcmalloc {} // namespace tcmalloc

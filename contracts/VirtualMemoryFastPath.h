@@ -1,0 +1,170 @@
+// The paging engine's optional fast path: a table that the engine publishes and two inline
+// routines that map and dismiss a resident object through it, with no call into the engine.
+//
+// An engine offers the table through tcmalloc_VirtualMemoryPool_FastTable, declared weak in
+// VirtualMemoryPool.h: an engine without it leaves the symbol null, and callers use the plain
+// calls of VirtualMemoryPool. Either way the behaviour is the same; the routines below only decline
+// (return null or false, with nothing changed) for whatever they do not handle, and the caller
+// then makes the plain call, which handles everything.
+//
+// What a hit reads: the table (one line, shared by all hits), the page's entry (16 bytes), the
+// span's hot block (one 64-byte line for the first 32 slots) and the object.
+//
+// The engine takes no lock; neither do these routines: the caller serialises every call on one
+// store, fast or plain.
+#ifndef VIRTUALMEMORYFASTPATH_H
+#define VIRTUALMEMORYFASTPATH_H
+
+#include "VirtualMemoryPool.h"
+
+#include <cstddef>
+
+namespace tcmalloc {
+
+// One byte per slot of a resident span: its object's reference count.
+const unsigned char kFastFreeSlot = 0;     // no object in the slot
+const unsigned char kFastCountZero = 1;    // an object with count 0; count n is 1 + n
+const unsigned char kFastCountTable = 255; // the count (254 or more) is kept elsewhere
+
+// Bits of FastSpan::flags.
+enum FastSpanFlag : unsigned char {
+    kFastReferenced = 1, // released since the engine's clock hand last passed the span
+    kFastScan = 2,       // read in file order, not used twice since
+    kFastScanUsed = 4,   // a scan span pinned and released once: its next pin is the engine's
+    kFastFresh = 8,      // came in and not released since: its first release is the engine's
+    kFastWriteSlow = 16, // mapping for writing changes the span's copy state: the engine's
+};
+
+// The hot block of a resident span, 64-byte aligned. The slot counts follow the 32-byte head
+// in the same block: counts()[slot], for every slot index that an offset inside the span can
+// give (indices past the last slot read kFastFreeSlot).
+struct FastSpan {
+    unsigned long long base;    // 0: the offset of the span's first byte
+    unsigned long long divisor; // 8: ceil(2^64 / slot size); 1 for a span of one large object
+    unsigned short pinCount;    // 16: objects of the span whose count is above 0
+    unsigned char flags;        // 18: FastSpanFlag bits
+    unsigned char reserved;     // 19
+    unsigned pageCount;         // 20: pages of the span
+    void* owner;                // 24: the engine's own record of the span
+
+    unsigned char* counts() { return reinterpret_cast<unsigned char*>(this) + kCountsOffset; }
+    static constexpr std::size_t kCountsOffset = 32;
+};
+static_assert(offsetof(FastSpan, divisor) == 8, "hot block layout");
+static_assert(offsetof(FastSpan, pinCount) == 16, "hot block layout");
+static_assert(offsetof(FastSpan, flags) == 18, "hot block layout");
+static_assert(offsetof(FastSpan, owner) == 24, "hot block layout");
+static_assert(sizeof(FastSpan) == FastSpan::kCountsOffset, "hot block layout");
+
+// The slot of byte `delta` of a span whose FastSpan::divisor is `divisor`, and whether the
+// byte starts that slot. With d the slot size and M = ceil(2^64 / d), for delta below 2^32 the
+// high half of M * delta is delta / d and the low half is below M exactly when d divides delta
+// (one multiplication gives both). M = 1 gives slot 0, and a start only at delta 0: a span of
+// one large object.
+inline bool fastSlot(unsigned long long delta, unsigned long long divisor, unsigned& slot) {
+    __extension__ typedef unsigned __int128 Wide;
+    const Wide product = static_cast<Wide>(delta) * divisor;
+    slot = static_cast<unsigned>(product >> 64);
+    return static_cast<unsigned long long>(product) < divisor;
+}
+
+// One entry per page number of the store. For a page of a resident span, `span` is its hot
+// block and bias + offset is the address of the byte at `offset`; otherwise `span` is null.
+struct FastPage {
+    char* bias;
+    FastSpan* span;
+};
+static_assert(sizeof(FastPage) == 16, "page entry layout");
+
+// The table an engine publishes: good for the life of its VirtualMemoryPool. The engine keeps
+// its own counts here, so that the routines below keep them exact.
+struct FastTable {
+    FastPage* pages;                     // 0: entries by page number (page = offset >> 13)
+    unsigned long long pageCount;        // 8: entries in `pages`
+    unsigned long long outstanding;      // 16: objects whose count is above 0
+    unsigned long long unpinnedResident; // 24: resident spans with no pinned object
+    unsigned long long residentBytes;    // 32: bytes of resident spans
+    unsigned long long budget;           // 40: the resident budget in bytes
+    unsigned layout;                     // 48: kFastLayout of the engine that made it
+    unsigned reserved;                   // 52
+
+    static constexpr unsigned kPageShift = 13;
+    static constexpr unsigned kFastLayout = 1;
+};
+static_assert(offsetof(FastTable, layout) == 48, "fast table layout");
+
+// The count byte of the object at `offset` in a resident span, or null when the offset is in
+// no resident span or is not the start of a slot. Counts of free slots read kFastFreeSlot.
+inline unsigned char* fastCount(const FastTable& table, unsigned long long offset, FastSpan*& span,
+                                const FastPage*& entry) {
+    const unsigned long long page = offset >> FastTable::kPageShift;
+    if (page >= table.pageCount)
+        return nullptr;
+    entry = table.pages + page;
+    span = entry->span;
+    if (span == nullptr)
+        return nullptr;
+    // Inside a small-object span delta is below 64 KiB, well inside the exact range.
+    unsigned slot;
+    if (!fastSlot(offset - span->base, span->divisor, slot))
+        return nullptr;
+    return span->counts() + slot;
+}
+
+// The address of the live resident object at `offset`, with its count raised by 1, when that
+// needs nothing of the engine; otherwise null with nothing changed, and the caller makes the
+// plain GetAddress call (which also answers every offset that names no object).
+inline void* fastMap(FastTable& table, unsigned long long offset, bool forWriting) {
+    FastSpan* span;
+    const FastPage* entry;
+    unsigned char* count = fastCount(table, offset, span, entry);
+    if (count == nullptr)
+        return nullptr;
+    const unsigned char c = *count;
+    // Free slots (0) and counts the byte cannot hold (254, 255) go to the engine.
+    if (static_cast<unsigned char>(c - kFastCountZero) >= kFastCountTable - 2)
+        return nullptr;
+    const unsigned char slow = forWriting ? (kFastWriteSlow | kFastScanUsed) : kFastScanUsed;
+    if ((span->flags & slow) != 0)
+        return nullptr;
+    *count = static_cast<unsigned char>(c + 1);
+    if (c == kFastCountZero) {
+        ++table.outstanding;
+        if (span->pinCount++ == 0)
+            --table.unpinnedResident;
+    }
+    return entry->bias + offset;
+}
+
+// Lowers the count of the resident object at `offset` by 1 when that needs nothing of the
+// engine and gives true; otherwise false with nothing changed, and the caller makes the plain
+// Dismiss call (which also answers misuse: no reference held, no object).
+inline bool fastDismiss(FastTable& table, unsigned long long offset) {
+    FastSpan* span;
+    const FastPage* entry;
+    unsigned char* count = fastCount(table, offset, span, entry);
+    if (count == nullptr)
+        return false;
+    const unsigned char c = *count;
+    // Counts 1 to 253 only: no reference held, no object, or a count kept elsewhere go on.
+    if (static_cast<unsigned char>(c - (kFastCountZero + 1)) >= kFastCountTable - 2)
+        return false;
+    if (c == kFastCountZero + 1) {
+        if (span->pinCount == 1) {
+            // The span's last pin: the engine decides when it came in lately, is on the scan
+            // queue, or the store is over its budget.
+            if ((span->flags & (kFastScan | kFastFresh)) != 0 || table.residentBytes > table.budget)
+                return false;
+            span->flags |= kFastReferenced;
+            ++table.unpinnedResident;
+        }
+        --span->pinCount;
+        --table.outstanding;
+    }
+    *count = static_cast<unsigned char>(c - 1);
+    return true;
+}
+
+} // namespace tcmalloc
+
+#endif
