@@ -1,8 +1,5 @@
-// The paging engine against its baselines, measured in the same run:
-//   1. resident hit: GetAddress + Dismiss of a resident 72-byte object, against a handle table
-//      (std::unordered_map find and a counter up and down); then the same spread at random
-//      over a million objects, where both sides pay for cache misses;
-//   2. Allocate + Deallocate of 72-byte objects in a LIFO loop, against malloc + free;
+// The paging engine against its baselines, measured in the same run (the resident path has a
+// program of its own, resident_bench):
 //   3. a scan: 256 MiB of 64 KiB blocks made through a 32 MiB budget, then each mapped for
 //      writing, checked and dismissed once, against pwrite of the same bytes to a file in the
 //      same directory and pread of them, checked;
@@ -35,7 +32,6 @@ using tcmalloc::VirtualMemoryPool;
 
 namespace {
 
-const unsigned kObjects = 1000000; // for the spread-out hit benchmark
 const unsigned kObjectSize = 72;
 const unsigned kAccesses = 1 << 16;
 const int kRepetitions = 5;
@@ -44,14 +40,6 @@ std::string tempDir() {
     I18NString path;
     HXLFmDir::getTempPath(path);
     return path.c_str(nullptr, nullptr, nullptr, nullptr);
-}
-
-std::vector<unsigned> accessOrder(unsigned count, unsigned seed) {
-    std::mt19937 random(seed);
-    std::vector<unsigned> order(kAccesses);
-    for (unsigned& index : order)
-        index = random() % count;
-    return order;
 }
 
 unsigned long long pageReads(VirtualMemoryPool& pool) {
@@ -73,108 +61,6 @@ std::vector<unsigned long long> fill(VirtualMemoryPool& pool, unsigned count, un
         offsets[i] = item.offset;
     }
     return offsets;
-}
-
-// 1. Resident hit.
-void BM_StoreResidentHit(benchmark::State& state) {
-    VirtualMemoryPool pool(1ULL << 30, tempDir().c_str());
-    const std::vector<unsigned long long> offsets = fill(pool, kObjects, kObjectSize);
-    const std::vector<unsigned> order = accessOrder(kObjects, 1);
-    for (auto _ : state) {
-        for (unsigned index : order) {
-            PageItem item{offsets[index]};
-            benchmark::DoNotOptimize(pool.GetAddress(item, true));
-            pool.Dismiss(item);
-        }
-    }
-    state.SetItemsProcessed(state.iterations() * kAccesses);
-}
-
-// The same for one resident object, mapped and dismissed over and over: the hit path alone.
-void BM_StoreResidentHitOne(benchmark::State& state) {
-    VirtualMemoryPool pool(1ULL << 30, tempDir().c_str());
-    const std::vector<unsigned long long> offsets = fill(pool, kObjects, kObjectSize);
-    PageItem item{offsets[kObjects / 2]};
-    for (auto _ : state) {
-        for (unsigned i = 0; i < kAccesses; ++i) {
-            benchmark::DoNotOptimize(pool.GetAddress(item, true));
-            pool.Dismiss(item);
-        }
-    }
-    state.SetItemsProcessed(state.iterations() * kAccesses);
-}
-
-struct TableObject {
-    unsigned refs;
-    unsigned char bytes[kObjectSize];
-};
-
-void BM_HandleTableHit(benchmark::State& state) {
-    std::unordered_map<unsigned long long, TableObject> table;
-    std::vector<unsigned long long> keys(kObjects);
-    std::mt19937_64 random(2);
-    for (unsigned i = 0; i < kObjects; ++i) {
-        keys[i] = random();
-        table[keys[i]] = TableObject{0, {}};
-    }
-    const std::vector<unsigned> order = accessOrder(kObjects, 1);
-    for (auto _ : state) {
-        for (unsigned index : order) {
-            auto it = table.find(keys[index]);
-            ++it->second.refs;
-            benchmark::DoNotOptimize(it->second.bytes);
-            --it->second.refs;
-        }
-    }
-    state.SetItemsProcessed(state.iterations() * kAccesses);
-}
-
-void BM_HandleTableHitOne(benchmark::State& state) {
-    std::unordered_map<unsigned long long, TableObject> table;
-    std::vector<unsigned long long> keys(kObjects);
-    std::mt19937_64 random(2);
-    for (unsigned i = 0; i < kObjects; ++i) {
-        keys[i] = random();
-        table[keys[i]] = TableObject{0, {}};
-    }
-    const unsigned long long key = keys[kObjects / 2];
-    for (auto _ : state) {
-        for (unsigned i = 0; i < kAccesses; ++i) {
-            auto it = table.find(key);
-            ++it->second.refs;
-            benchmark::DoNotOptimize(it->second.bytes);
-            --it->second.refs;
-        }
-    }
-    state.SetItemsProcessed(state.iterations() * kAccesses);
-}
-
-// 2. Allocate + Deallocate, in batches so that both sides hold many objects at once.
-const unsigned kBatch = 1000;
-
-void BM_StoreAllocate(benchmark::State& state) {
-    VirtualMemoryPool pool(1ULL << 30, tempDir().c_str());
-    std::vector<PageItem> items(kBatch);
-    for (auto _ : state) {
-        for (PageItem& item : items)
-            benchmark::DoNotOptimize(pool.Allocate(kObjectSize, item));
-        for (auto item = items.rbegin(); item != items.rend(); ++item)
-            pool.Deallocate(*item);
-    }
-    state.SetItemsProcessed(state.iterations() * kBatch);
-}
-
-void BM_MallocFree(benchmark::State& state) {
-    std::vector<void*> blocks(kBatch);
-    for (auto _ : state) {
-        for (void*& block : blocks) {
-            block = std::malloc(kObjectSize);
-            benchmark::DoNotOptimize(block);
-        }
-        for (auto block = blocks.rbegin(); block != blocks.rend(); ++block)
-            std::free(*block);
-    }
-    state.SetItemsProcessed(state.iterations() * kBatch);
 }
 
 // 3. Scan: 256 MiB of 64 KiB blocks through a 32 MiB budget. Block i holds bytes i + j.
@@ -390,12 +276,6 @@ void BM_ZlibCrc32(benchmark::State& state) {
 
 } // namespace
 
-BENCHMARK(BM_StoreResidentHitOne)->Repetitions(kRepetitions);
-BENCHMARK(BM_HandleTableHitOne)->Repetitions(kRepetitions);
-BENCHMARK(BM_StoreResidentHit)->Repetitions(kRepetitions);
-BENCHMARK(BM_HandleTableHit)->Repetitions(kRepetitions);
-BENCHMARK(BM_StoreAllocate)->Repetitions(kRepetitions);
-BENCHMARK(BM_MallocFree)->Repetitions(kRepetitions);
 BENCHMARK(BM_StoreScan)
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime()
@@ -432,12 +312,6 @@ int main(int argc, char** argv) {
     benchmark::RunSpecifiedBenchmarks(&reporter);
     benchmark::Shutdown();
     std::cout << "\nRatios of median times:\n";
-    printSpeedRatio(reporter, "BM_StoreResidentHitOne", "BM_HandleTableHitOne", 3.0,
-                    "resident hit on one object, times faster than a handle table");
-    printSpeedRatio(reporter, "BM_StoreResidentHit", "BM_HandleTableHit", 1 / 0.7,
-                    "resident hits spread over a million objects, the same figure");
-    printSpeedRatio(reporter, "BM_StoreAllocate", "BM_MallocFree", 1.0 / 1.5,
-                    "allocate+deallocate in a LIFO loop, malloc's cost / ours");
     printSpeedRatio(reporter, "BM_StoreScan", "BM_PwritePreadScan", 0.9,
                     "256 MiB scan through a 32 MiB budget, throughput relative to pwrite+pread");
     printSpeedRatio(reporter, "BM_StoreRandomReads", "BM_PreadRandomReads", 0.3,

@@ -165,6 +165,44 @@ inline bool fastDismiss(FastTable& table, unsigned long long offset) {
     return true;
 }
 
+// Maps the object at `to` and gives back one reference on the object at `from`, as fastMap and
+// then fastDismiss would, when both lie in one resident span and neither needs the engine;
+// otherwise null with nothing changed, and the caller maps and dismisses as usual. Moving a
+// reference along a list this way changes no count of the table: while `from` is held the
+// span stays pinned throughout.
+inline void* fastMove(FastTable& table, unsigned long long from, unsigned long long to,
+                      bool forWriting) {
+    FastSpan* span;
+    const FastPage* entry;
+    unsigned char* toCount = fastCount(table, to, span, entry);
+    if (toCount == nullptr)
+        return nullptr;
+    const unsigned long long delta = from - span->base;
+    unsigned slot;
+    if (delta >= (static_cast<unsigned long long>(span->pageCount) << FastTable::kPageShift) ||
+        !fastSlot(delta, span->divisor, slot))
+        return nullptr;
+    unsigned char* fromCount = span->counts() + slot;
+    const unsigned char t = *toCount;
+    const unsigned char f = *fromCount;
+    // `to` must be live with a count the byte holds, `from` held; a held `from` keeps the span
+    // pinned, so no first pin or last unpin happens here (and kFastScanUsed cannot be set).
+    if (static_cast<unsigned char>(t - kFastCountZero) >= kFastCountTable - 2 ||
+        static_cast<unsigned char>(f - (kFastCountZero + 1)) >= kFastCountTable - 2 ||
+        (forWriting && (span->flags & kFastWriteSlow) != 0))
+        return nullptr;
+    if (toCount != fromCount) {
+        *toCount = static_cast<unsigned char>(t + 1);
+        *fromCount = static_cast<unsigned char>(f - 1);
+        const int pinned = (t == kFastCountZero) - (f == kFastCountZero + 1);
+        if (pinned != 0) {
+            table.outstanding += static_cast<unsigned long long>(static_cast<long long>(pinned));
+            span->pinCount = static_cast<unsigned short>(span->pinCount + pinned);
+        }
+    }
+    return entry->bias + to;
+}
+
 } // namespace tcmalloc
 
 #endif

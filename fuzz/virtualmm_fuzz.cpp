@@ -1,5 +1,6 @@
 // libFuzzer target for the paging engine: the input is a program of operations (allocate,
-// map, write, dismiss, deallocate, I/O that fails, reads back damaged bytes or ends early)
+// map, write, dismiss, deallocate, I/O that fails, reads back damaged bytes or ends early;
+// maps and dismisses through the plain calls or the published fast path, references moved)
 // run against a model on a store with a small budget. Any wrong byte, moved
 // pinned object, wrong count or broken invariant aborts.
 //
@@ -7,6 +8,7 @@
 //         -DHXL_BUILD_FUZZERS=ON -DHXL_BUILD_TESTS=OFF -DHXL_BUILD_BENCHMARKS=OFF
 //   cmake --build build/fuzz --target virtualmm_fuzz && build/fuzz/fuzz/virtualmm_fuzz
 //   -max_total_time=300
+#include "VirtualMemoryFastPath.h"
 #include "VirtualMemoryPool.h"
 
 #include <cerrno>
@@ -69,6 +71,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     g_fault = 0;
     std::map<unsigned long long, Object> model;
     unsigned long long pinned = 0;
+    // Bit 0x4000 of an argument sends a map or dismiss through the published fast path first.
+    tcmalloc::FastTable* table = tcmalloc_VirtualMemoryPool_FastTable(&pool);
+    check(table != nullptr, "no fast path published");
 
     for (size_t at = 0; at + 3 <= size; at += 3) {
         const unsigned op = data[at] % 7;
@@ -88,10 +93,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 static_cast<unsigned char*>(address)[i] = static_cast<unsigned char>(fill + i);
             model[item.offset] = {length, fill, 1, address};
             ++pinned;
-        } else if (op <= 2) { // map, check, keep pinned
+        } else if (op <= 2) { // map, check, keep pinned; op 2 may move a reference along
             auto it = pick();
             item.offset = it->first;
-            void* address = pool.GetAddress(item, true);
+            auto from = std::prev(it == model.begin() ? model.end() : it);
+            void* address = nullptr;
+            if (op == 2 && from->second.pins > 0) {
+                address = tcmalloc::fastMove(*table, from->first, it->first, true);
+                if (address != nullptr)
+                    pinned -= --from->second.pins == 0;
+            } else if ((arg & 0x4000) != 0) {
+                address = tcmalloc::fastMap(*table, it->first, true);
+            }
+            if (address == nullptr)
+                address = pool.GetAddress(item, true);
             if (address == nullptr) {
                 check(g_fault != 0 && it->second.pins == 0, "a mapping failed without a fault");
                 continue;
@@ -103,7 +118,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         } else if (op <= 4) { // dismiss (also of an object with count 0)
             auto it = pick();
             item.offset = it->first;
-            pool.Dismiss(item);
+            if ((arg & 0x4000) == 0 || !tcmalloc::fastDismiss(*table, item.offset))
+                pool.Dismiss(item);
+            else
+                check(it->second.pins > 0, "the fast path let go of an object nobody held");
             if (it->second.pins > 0)
                 pinned -= --it->second.pins == 0;
         } else if (op == 5) { // deallocate
@@ -116,6 +134,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             g_fault = arg % 4;
         }
         check(pool.GetOutstandingReferences(nullptr, 0, nullptr) == pinned, "outstanding count");
+        if ((arg & 0xF000) == 0xF000)
+            pool.Verify();
     }
     pool.Verify();
     g_fault = 0;

@@ -92,6 +92,13 @@ public:
     void dumpMapper(std::ostream& os);
 
 private:
+    // A tree node moves its reference along a list through the store's fast path.
+    friend class HXLVirtualTreeNode;
+    // getNode(to) and then the manager's dismiss(from), in one step when the store's fast path
+    // can (both resident in one span); null with nothing done otherwise.
+    HXLVirtualPersistNode* moveNode(unsigned long long from, unsigned long long to) {
+        return static_cast<HXLVirtualPersistNode*>(tcmalloc::fastMove(*m_fast, from, to, true));
+    }
     // getNode of a nonzero offset that the fast path declined: the manager's getAddress, and
     // HXLOutOfMemoryError for a live node that the store cannot map.
     HXLVirtualPersistNode* getNodeSlow(unsigned long long offset);

@@ -59,17 +59,11 @@ public:
     // With a nonzero `dismissSelf` this node is dismissed after the sibling is mapped, also
     // when there is none: `n = n->getNextSibling(1)` moves one reference along the list.
     HXLVirtualTreeNode* getNextSibling(int dismissSelf) {
-        HXLVirtualTreeNode* next = nodeAt(m_nextSibling); // mapped before this is let go
-        if (dismissSelf != 0)
-            dismiss();
-        return next;
+        return sibling(m_nextSibling, dismissSelf);
     }
     // The same towards the first child.
     HXLVirtualTreeNode* getPreviousSibling(int dismissSelf) {
-        HXLVirtualTreeNode* previous = nodeAt(m_previousSibling);
-        if (dismissSelf != 0)
-            dismiss();
-        return previous;
+        return sibling(m_previousSibling, dismissSelf);
     }
     // The parent: a stored parent with one more reference, or the root object with none taken.
     // With includeRoot 0 the root is hidden and a top-level node answers null. The root is
@@ -119,6 +113,17 @@ private:
     // walk are: one field, one mapping.
     HXLVirtualTreeNode* nodeAt(unsigned long long offset) {
         return static_cast<HXLVirtualTreeNode*>(m_container->getNode(offset));
+    }
+    // The neighbour at `link`, mapped before this node is let go (with dismissSelf). A step
+    // within one resident span moves the reference in one go, as a walk does mostly.
+    HXLVirtualTreeNode* sibling(unsigned long long link, int dismissSelf) {
+        if (dismissSelf != 0 && link != 0 && m_container != NULL)
+            if (HXLVirtualPersistNode* next = m_container->moveNode(m_pageOffset, link))
+                return static_cast<HXLVirtualTreeNode*>(next);
+        HXLVirtualTreeNode* next = nodeAt(link);
+        if (dismissSelf != 0)
+            dismiss();
+        return next;
     }
     void linkToParent(HXLVirtualTreeNode* parent);
     void copyParentLink(const HXLVirtualTreeNode* from);

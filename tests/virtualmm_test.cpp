@@ -2,6 +2,7 @@
 // exact, unchanged spans are never rewritten, I/O failures and a damaged page file give null
 // and never wrong bytes, misuse leaves the store intact.
 #include "../platform/virtualmm/Fingerprint.h"
+#include "VirtualMemoryFastPath.h"
 #include "VirtualMemoryPool.h"
 
 #include <gtest/gtest.h>
@@ -145,6 +146,22 @@ TEST_P(VirtualMemoryPoolModel, RandomOperationsAgreeWithModel) {
     unsigned long long pinned = 0;
     unsigned nextSeed = 1;
 
+    // Hits go at random through the published fast path (which may decline and leave the
+    // call to the plain one) or the plain calls alone: both meet the same store.
+    tcmalloc::FastTable* table = tcmalloc_VirtualMemoryPool_FastTable(&pool);
+    ASSERT_NE(table, nullptr);
+    unsigned fastHits = 0, fastMoves = 0;
+    auto map = [&](PageItem& item, bool forWriting) {
+        void* address = random() % 2 ? tcmalloc::fastMap(*table, item.offset, forWriting) : nullptr;
+        fastHits += address != nullptr;
+        return address != nullptr ? address : pool.GetAddress(item, forWriting);
+    };
+    auto unmap = [&](PageItem& item) {
+        if (random() % 2 != 0 && tcmalloc::fastDismiss(*table, item.offset))
+            ++fastHits;
+        else
+            pool.Dismiss(item);
+    };
     auto pick = [&] { return std::next(model.begin(), random() % model.size()); };
     auto add = [&](size_t size) {
         const unsigned seed = nextSeed++;
@@ -163,10 +180,30 @@ TEST_P(VirtualMemoryPoolModel, RandomOperationsAgreeWithModel) {
             add(kind < 6   ? 1 + random() % maxSmall
                 : kind < 9 ? 1 + random() % 8192
                            : 8193 + random() % 24000);
+        } else if (op < 38) { // move a reference from a held object to another, as a walk
+            auto from = pick();
+            while (from->second.pins == 0 && ++from != model.end()) {
+            }
+            if (from == model.end())
+                continue;
+            // Mostly to the next object, which often shares the span, as a list's next does.
+            auto to = random() % 4 != 0 && std::next(from) != model.end() ? std::next(from) : it;
+            PageItem fromItem{from->first}, toItem{to->first};
+            void* address = tcmalloc::fastMove(*table, from->first, to->first, true);
+            fastMoves += address != nullptr;
+            if (address == nullptr) {
+                address = pool.GetAddress(toItem, true);
+                pool.Dismiss(fromItem);
+            }
+            ASSERT_NE(address, nullptr);
+            ASSERT_TRUE(to->second.pins == 0 || address == to->second.pinnedAt);
+            pinned += to->second.pins++ == 0;
+            to->second.pinnedAt = address;
+            pinned -= --from->second.pins == 0;
         } else if (op < 45) { // pin once, or past the range of a one-byte count and back
             const unsigned n = random() % 8 == 0 ? 300 : 1;
             for (unsigned i = 0; i < n; ++i) {
-                void* address = pool.GetAddress(item, true);
+                void* address = map(item, true);
                 ASSERT_NE(address, nullptr);
                 if (it->second.pins++ > 0)
                     ASSERT_EQ(address, it->second.pinnedAt) << "a pinned object moved";
@@ -175,18 +212,18 @@ TEST_P(VirtualMemoryPoolModel, RandomOperationsAgreeWithModel) {
                 it->second.pinnedAt = address;
             }
             for (unsigned i = n / 5; i > 0; --i, --it->second.pins)
-                pool.Dismiss(item);
+                unmap(item);
         } else if (op < 65) { // unpin once or entirely
             for (unsigned n = random() % 2 ? 1 : it->second.pins; n > 0 && it->second.pins; --n) {
-                pool.Dismiss(item);
+                unmap(item);
                 pinned -= --it->second.pins == 0;
             }
         } else if (op < 75) { // rewrite in place through a fresh mapping
-            void* address = pool.GetAddress(item, true);
+            void* address = map(item, true);
             ASSERT_NE(address, nullptr);
             it->second.seed = nextSeed++;
             fill(address, it->second.size, it->second.seed);
-            pool.Dismiss(item);
+            unmap(item);
         } else if (op < 85) { // read only, through a mapping for reading
             ASSERT_EQ(readBack(pool, it->first, it->second.size, it->second.seed, false), 1);
         } else {
@@ -213,6 +250,8 @@ TEST_P(VirtualMemoryPoolModel, RandomOperationsAgreeWithModel) {
             }
         }
     }
+    EXPECT_GT(fastHits, 100u); // both ways were taken
+    EXPECT_GT(fastMoves, 10u);
     const VirtualMemoryStats figures = stats(pool);
     EXPECT_GT(figures.pageWrites, 100u);
     EXPECT_GT(figures.pageReads, 100u);

@@ -77,14 +77,17 @@
 //      entry of its pages names that block with bias memory - first page * 8192, and every
 //      other fast map entry is null. The hot block's copy of the span's geometry equals the
 //      record's, and its kFastWriteSlow bit is set exactly in the states printed and exact.
-//  15. A hit (fastMap, fastDismiss) changes only a slot byte, the pin count, kFastReferenced
-//      and the table's counts, and only where the engine itself would do nothing else: it
-//      declines a free slot, a count at the table, a first pin of a used scan span, a write
-//      mapping that changes the copy state, and the last unpin of a fresh or scan span or of a
-//      store over its budget.
-//  16. A class's emptied span stays its current span (in front of its non-full list) while it
-//      is resident, so that allocation and deallocation in turn reuse it; at most one empty
-//      span per class is kept.
+//  15. The inline routines (fastMap, fastDismiss, fastMove) change only slot bytes, the pin
+//      count, kFastReferenced and the table's counts, exactly as the plain calls would in the
+//      same case; they decline every case where the plain call does more: a free slot, a count
+//      at the table, a first pin of a used scan span, a write mapping that changes the copy
+//      state, and the last unpin of a fresh or scan span or of a store over its budget. The
+//      plain calls never use them, so callers that take the fast path and callers that do not
+//      meet the same store.
+//  16. A class's emptied span stays on its non-full list while it is resident, up to
+//      kKeptEmptySpans of them per class, so that allocation and deallocation in bursts reuse
+//      spans instead of making and releasing them. Kept spans count against the budget like any
+//      other; the sweep releases an empty span instead of writing it.
 //
 // Span states (the record's `state`; pinned is a resident state with a pin count above 0 and
 // keeps it) and the functions that move a span between them; every move goes through
@@ -153,6 +156,7 @@ const unsigned char kCountZero = kFastCountZero; // count n is kCountZero + n
 const unsigned char kCountInTable = kFastCountTable;
 const unsigned kMaxCount = 0xFFFFFFFEu; // a reference count never goes beyond
 const std::size_t kHotAlign = 64;       // hot blocks start on a cache line
+const unsigned kKeptEmptySpans = 16;    // emptied spans a class keeps for reuse (rule 16)
 
 // The record's state: whether the span is in memory, and what its copy in the file is.
 enum SpanState : unsigned char {
@@ -296,16 +300,10 @@ public:
     ~Engine();
 
     void* allocate(unsigned long long size, PageItem& item);
-    // The hit goes through the published fast path; everything else is out of line.
-    void* getAddress(unsigned long long offset, bool forWriting) {
-        if (void* address = fastMap(m_table, offset, forWriting))
-            return address;
-        return mapSlow(offset, forWriting);
-    }
-    void dismiss(unsigned long long offset) {
-        if (!fastDismiss(m_table, offset))
-            dismissSlow(offset);
-    }
+    // The plain calls do everything themselves, hits included: they are what a caller of the
+    // fast path falls back to, and what a caller that uses no fast path gets.
+    void* getAddress(unsigned long long offset, bool forWriting);
+    void dismiss(unsigned long long offset);
     void dirty(unsigned long long offset);
     void deallocate(unsigned long long offset);
     void extractStats(VirtualMemoryStats* stats, unsigned long long size,
@@ -397,8 +395,6 @@ private:
     void spanUnpinned(Span* span);
     void takePrint(Span* span);
     void mappedForWriting(Span* span);
-    HXL_VMM_COLD void* mapSlow(unsigned long long offset, bool forWriting);
-    HXL_VMM_COLD void dismissSlow(unsigned long long offset);
     bool endPins(Span* span, unsigned slot);
     bool keepEmptied(Span* span);
     void ringInsert(Span* span);

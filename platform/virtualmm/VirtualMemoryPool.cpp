@@ -149,9 +149,7 @@ void* VirtualMemoryPool::Engine::allocate(unsigned long long size, PageItem& ite
     return span->memory + (item.offset - span->baseOffset());
 }
 
-// Whatever the fast path declined (rule 15): a paged-out span, counts at the table, the first
-// pin of a used scan span, a write mapping that changes the copy state, or no object at all.
-void* VirtualMemoryPool::Engine::mapSlow(unsigned long long offset, bool forWriting) {
+void* VirtualMemoryPool::Engine::getAddress(unsigned long long offset, bool forWriting) {
     unsigned slot;
     Span* span = find(offset, slot);
     if (span == nullptr)
@@ -171,7 +169,7 @@ void VirtualMemoryPool::Engine::mappedForWriting(Span* span) {
         setState(span, kNoCopy);
 }
 
-void VirtualMemoryPool::Engine::dismissSlow(unsigned long long offset) {
+void VirtualMemoryPool::Engine::dismiss(unsigned long long offset) {
     unsigned slot;
     Span* span = find(offset, slot);
     if (span == nullptr || !span->resident() || span->counts()[slot] == kCountZero)
@@ -227,11 +225,11 @@ bool VirtualMemoryPool::Engine::endPins(Span* span, unsigned slot) {
     return true;
 }
 
-// A small span left with no object stays its class's current span while resident (rule 16);
-// false when the span was released instead.
+// A small span left with no object stays on its class's list while resident (rule 16); false
+// when the span was released instead.
 bool VirtualMemoryPool::Engine::keepEmptied(Span* span) {
     SizeClass& sc = m_classes[span->classIndex];
-    if (sc.emptySpans > 0 || !span->resident()) {
+    if (sc.emptySpans >= kKeptEmptySpans || !span->resident()) {
         releaseSpan(span);
         return false;
     }

@@ -1,0 +1,291 @@
+// The resident path: what touching an object that is already in memory costs, through the
+// manager as an application calls it, against what a program without the store would do, and
+// against the engine's own calls. Measured in the same run, repeated; the ratios of medians are
+// printed at the end.
+//   1. hot hit: getAddress + dismiss of one of 1,000 hot 72-byte objects, in random order,
+//      against std::unordered_map find with a count up and down (the map's cost is 1.0);
+//   2. the same over 1,000,000 resident objects, where both sides pay for cache misses;
+//   3. alloc + free of 72-byte objects in LIFO batches of 1,000, against malloc + free;
+//   4. the manager's calls against the engine's own GetAddress/Dismiss and Allocate/Deallocate
+//      on a store of the same shape.
+// Every loop reads a byte of each object and checks the sum, so nothing is optimised away and
+// a wrong mapping shows.
+#include "BenchRatio.h"
+#include "HXLCore.h"
+#include "HXLVirtualMemoryMgr.h"
+#include "VirtualMemoryPool.h"
+
+#include <benchmark/benchmark.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace {
+
+const unsigned kHotObjects = 1000;
+const unsigned kSpreadObjects = 1000000;
+const unsigned kObjectSize = 72;
+const unsigned kAccesses = 1 << 16;
+const unsigned kBatch = 1000;
+const unsigned kBudget = 1u << 30; // holds every object: the store never pages here
+const int kRepetitions = 7;
+
+std::vector<unsigned> accessOrder(unsigned count) {
+    std::mt19937 random(1);
+    std::vector<unsigned> order(kAccesses);
+    for (unsigned& index : order)
+        index = random() % count;
+    return order;
+}
+
+// The sum of the first byte of each object in `order`, when object n holds n in its bytes.
+unsigned long long expectedSum(const std::vector<unsigned>& order) {
+    unsigned long long sum = 0;
+    for (unsigned index : order)
+        sum += static_cast<unsigned char>(index);
+    return sum;
+}
+
+// The sum of the bytes an alloc + free batch writes: i mod 256 for object i.
+unsigned long long batchSum() {
+    unsigned long long sum = 0;
+    for (unsigned i = 0; i < kBatch; ++i)
+        sum += static_cast<unsigned char>(i);
+    return sum;
+}
+
+void check(unsigned long long sum, unsigned long long expected) {
+    if (sum != expected)
+        throw std::runtime_error("a mapping gave the wrong bytes");
+}
+
+// A manager holding `count` objects (object n holds n), none of them held.
+struct ManagerStore {
+    explicit ManagerStore(unsigned count) : memMgr(kBudget, 0, 0), offsets(count) {
+        for (unsigned i = 0; i < count; ++i) {
+            HXLVirtualPageItem item;
+            std::memset(memMgr.alloc(kObjectSize, item), static_cast<int>(i), kObjectSize);
+            memMgr.dismiss(item);
+            offsets[i] = item.getOffset();
+        }
+    }
+    HXLVirtualMemoryMgr memMgr;
+    std::vector<unsigned long long> offsets;
+};
+
+// The same through the engine's own calls.
+struct EngineStore {
+    explicit EngineStore(unsigned count) : pool(kBudget, tempDir().c_str()), offsets(count) {
+        for (unsigned i = 0; i < count; ++i) {
+            tcmalloc::PageItem item;
+            std::memset(pool.Allocate(kObjectSize, item), static_cast<int>(i), kObjectSize);
+            pool.Dismiss(item);
+            offsets[i] = item.offset;
+        }
+    }
+    static std::string tempDir() {
+        I18NString path;
+        HXLFmDir::getTempPath(path);
+        return path.c_str(nullptr, nullptr, nullptr, nullptr);
+    }
+    tcmalloc::VirtualMemoryPool pool;
+    std::vector<unsigned long long> offsets;
+};
+
+struct TableObject {
+    unsigned refs;
+    unsigned char bytes[kObjectSize];
+};
+
+// What a program without the store does: objects in a hash table under 64-bit keys.
+struct MapStore {
+    explicit MapStore(unsigned count) : keys(count) {
+        std::mt19937_64 random(2);
+        table.reserve(count);
+        for (unsigned i = 0; i < count; ++i) {
+            keys[i] = random();
+            TableObject& object = table[keys[i]];
+            object.refs = 0;
+            std::memset(object.bytes, static_cast<int>(i), kObjectSize);
+        }
+    }
+    std::unordered_map<unsigned long long, TableObject> table;
+    std::vector<unsigned long long> keys;
+};
+
+// 1, 2. Hits.
+void managerHits(benchmark::State& state, unsigned count) {
+    ManagerStore store(count);
+    const std::vector<unsigned> order = accessOrder(count);
+    const unsigned long long expected = expectedSum(order);
+    for (auto _ : state) {
+        unsigned long long sum = 0;
+        for (unsigned index : order) {
+            const unsigned long long offset = store.offsets[index];
+            sum += *static_cast<unsigned char*>(store.memMgr.getAddress(offset, 1));
+            store.memMgr.dismiss(offset);
+        }
+        check(sum, expected);
+    }
+    state.SetItemsProcessed(state.iterations() * kAccesses);
+}
+
+void engineHits(benchmark::State& state, unsigned count) {
+    EngineStore store(count);
+    const std::vector<unsigned> order = accessOrder(count);
+    const unsigned long long expected = expectedSum(order);
+    for (auto _ : state) {
+        unsigned long long sum = 0;
+        for (unsigned index : order) {
+            tcmalloc::PageItem item{store.offsets[index]};
+            sum += *static_cast<unsigned char*>(store.pool.GetAddress(item, true));
+            store.pool.Dismiss(item);
+        }
+        check(sum, expected);
+    }
+    state.SetItemsProcessed(state.iterations() * kAccesses);
+}
+
+void mapHits(benchmark::State& state, unsigned count) {
+    MapStore store(count);
+    const std::vector<unsigned> order = accessOrder(count);
+    const unsigned long long expected = expectedSum(order);
+    for (auto _ : state) {
+        unsigned long long sum = 0;
+        for (unsigned index : order) {
+            TableObject& object = store.table.find(store.keys[index])->second;
+            ++object.refs;
+            benchmark::DoNotOptimize(object.refs);
+            sum += object.bytes[0];
+            --object.refs;
+        }
+        check(sum, expected);
+    }
+    state.SetItemsProcessed(state.iterations() * kAccesses);
+}
+
+void BM_ManagerHitHot(benchmark::State& state) {
+    managerHits(state, kHotObjects);
+}
+void BM_EngineHitHot(benchmark::State& state) {
+    engineHits(state, kHotObjects);
+}
+void BM_MapHitHot(benchmark::State& state) {
+    mapHits(state, kHotObjects);
+}
+void BM_ManagerHitSpread(benchmark::State& state) {
+    managerHits(state, kSpreadObjects);
+}
+void BM_EngineHitSpread(benchmark::State& state) {
+    engineHits(state, kSpreadObjects);
+}
+void BM_MapHitSpread(benchmark::State& state) {
+    mapHits(state, kSpreadObjects);
+}
+
+// 3. alloc + free in LIFO batches; each object is written and read once.
+void BM_ManagerAllocFree(benchmark::State& state) {
+    HXLVirtualMemoryMgr memMgr(kBudget, 0, 0);
+    std::vector<HXLVirtualPageItem> items(kBatch);
+    for (auto _ : state) {
+        unsigned long long sum = 0;
+        for (unsigned i = 0; i < kBatch; ++i) {
+            unsigned char* p = static_cast<unsigned char*>(memMgr.alloc(kObjectSize, items[i]));
+            p[0] = static_cast<unsigned char>(i);
+            sum += p[0];
+            memMgr.dismiss(items[i]);
+        }
+        for (unsigned i = kBatch; i-- > 0;)
+            memMgr.free(items[i]);
+        check(sum, batchSum());
+    }
+    state.SetItemsProcessed(state.iterations() * kBatch);
+}
+
+void BM_EngineAllocFree(benchmark::State& state) {
+    tcmalloc::VirtualMemoryPool pool(kBudget, EngineStore::tempDir().c_str());
+    std::vector<tcmalloc::PageItem> items(kBatch);
+    for (auto _ : state) {
+        unsigned long long sum = 0;
+        for (unsigned i = 0; i < kBatch; ++i) {
+            unsigned char* p = static_cast<unsigned char*>(pool.Allocate(kObjectSize, items[i]));
+            p[0] = static_cast<unsigned char>(i);
+            sum += p[0];
+            pool.Dismiss(items[i]);
+        }
+        for (unsigned i = kBatch; i-- > 0;)
+            pool.Deallocate(items[i]);
+        check(sum, batchSum());
+    }
+    state.SetItemsProcessed(state.iterations() * kBatch);
+}
+
+void BM_MallocFree(benchmark::State& state) {
+    std::vector<unsigned char*> blocks(kBatch);
+    for (auto _ : state) {
+        unsigned long long sum = 0;
+        for (unsigned i = 0; i < kBatch; ++i) {
+            blocks[i] = static_cast<unsigned char*>(std::malloc(kObjectSize));
+            blocks[i][0] = static_cast<unsigned char>(i);
+            sum += blocks[i][0];
+            benchmark::DoNotOptimize(blocks[i]);
+        }
+        for (unsigned i = kBatch; i-- > 0;)
+            std::free(blocks[i]);
+        check(sum, batchSum());
+    }
+    state.SetItemsProcessed(state.iterations() * kBatch);
+}
+
+// How many times the baseline's median time `subject` takes (1.0 is parity; lower is better).
+void printCost(const MedianReporter& reporter, const char* subject, const char* baseline,
+               double target, const char* what) {
+    const auto s = reporter.medians.find(subject);
+    const auto b = reporter.medians.find(baseline);
+    if (s == reporter.medians.end() || b == reporter.medians.end())
+        return; // filtered out
+    const double ratio = s->second / b->second;
+    std::cout << what << ": " << subject << " / " << baseline << " = " << ratio
+              << " (target <= " << target << ", " << (ratio <= target ? "met" : "NOT met") << ")\n";
+}
+
+} // namespace
+
+BENCHMARK(BM_ManagerHitHot)->Repetitions(kRepetitions)->ReportAggregatesOnly(true);
+BENCHMARK(BM_EngineHitHot)->Repetitions(kRepetitions)->ReportAggregatesOnly(true);
+BENCHMARK(BM_MapHitHot)->Repetitions(kRepetitions)->ReportAggregatesOnly(true);
+BENCHMARK(BM_ManagerHitSpread)->Repetitions(kRepetitions)->ReportAggregatesOnly(true);
+BENCHMARK(BM_EngineHitSpread)->Repetitions(kRepetitions)->ReportAggregatesOnly(true);
+BENCHMARK(BM_MapHitSpread)->Repetitions(kRepetitions)->ReportAggregatesOnly(true);
+BENCHMARK(BM_ManagerAllocFree)->Repetitions(kRepetitions)->ReportAggregatesOnly(true);
+BENCHMARK(BM_EngineAllocFree)->Repetitions(kRepetitions)->ReportAggregatesOnly(true);
+BENCHMARK(BM_MallocFree)->Repetitions(kRepetitions)->ReportAggregatesOnly(true);
+
+int main(int argc, char** argv) {
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+        return 1;
+    MedianReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    benchmark::Shutdown();
+    std::cout << "\nRatios of median times (cost of ours / cost of the baseline):\n";
+    printCost(reporter, "BM_ManagerHitHot", "BM_MapHitHot", 0.25,
+              "hit on 1,000 hot objects vs unordered_map");
+    printCost(reporter, "BM_ManagerHitSpread", "BM_MapHitSpread", 0.9,
+              "hit over 1,000,000 resident objects vs unordered_map");
+    printCost(reporter, "BM_ManagerAllocFree", "BM_MallocFree", 1.3,
+              "alloc + free, LIFO, vs malloc + free");
+    printCost(reporter, "BM_ManagerHitHot", "BM_EngineHitHot", 1.1,
+              "manager's getAddress + dismiss vs the engine's own calls");
+    printCost(reporter, "BM_ManagerHitSpread", "BM_EngineHitSpread", 1.1,
+              "the same, spread over 1,000,000 objects");
+    printCost(reporter, "BM_ManagerAllocFree", "BM_EngineAllocFree", 1.1,
+              "manager's alloc + free vs the engine's own calls");
+    return 0;
+}
