@@ -87,11 +87,19 @@ struct FastTable {
     unsigned long long budget;           // 40: the resident budget in bytes
     unsigned layout;                     // 48: kFastLayout of the engine that made it
     unsigned reserved;                   // 52
+    // Misuse the plain calls met and answered by doing nothing: a Dismiss of an object that
+    // holds no reference or of an offset that names no object, a Deallocate of an offset that
+    // names no live object (freed already, or never one). A caller compares the count before
+    // and after its call to turn misuse into an error of its own.
+    unsigned long long misuses;      // 56: misuse seen since the store was made
+    unsigned long long misuseOffset; // 64: the offset of the last one
 
     static constexpr unsigned kPageShift = 13;
     static constexpr unsigned kFastLayout = 1;
 };
 static_assert(offsetof(FastTable, layout) == 48, "fast table layout");
+static_assert(offsetof(FastTable, misuses) == 56, "fast table layout");
+static_assert(offsetof(FastTable, misuseOffset) == 64, "fast table layout");
 
 // The count byte of the object at `offset` in a resident span, or null when the offset is in
 // no resident span or is not the start of a slot. Counts of free slots read kFastFreeSlot.

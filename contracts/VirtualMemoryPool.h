@@ -148,14 +148,15 @@ public:
     // leaves memory without one. `flag` false maps for reading only: what is written through
     // that address may be lost at a page-out unless Dirty is called.
     void* GetAddress(PageItem& item, bool flag);
-    // Lowers the count by 1; nothing for a count of 0 or an offset that names no live object.
+    // Lowers the count by 1. A count of 0 or an offset that names no live object is misuse:
+    // nothing changes, and the fast table (VirtualMemoryFastPath.h) counts it.
     void Dismiss(PageItem& item);
     // Marks the object as changed since its span last came in, so that changes made through an
     // address mapped with flag false are kept.
     void Dirty(PageItem& item);
     // Ends the object; its memory and page file space are reused, and page file space that no
-    // object needs any more goes back to the file system. Nothing for an offset that names no
-    // live object.
+    // object needs any more goes back to the file system. An offset that names no live object
+    // is misuse: nothing changes, and the fast table counts it.
     void Deallocate(PageItem& item);
     // Two calls: (null, 0, needed) sets `needed` to the record's size in bytes; (block, size,
     // needed) fills a block of at least `needed` bytes. A block smaller than the record is

@@ -77,6 +77,33 @@ TEST(HXLVirtualMemoryMgr, AllocFreeInvalidItemsAndTheReferenceLeakCheck) {
     EXPECT_EQ(thrown([&] { mgr.alloc(10, bad); }), "assert: HXL_ASSERT(old_ptr); <- HXL_THROW");
     EXPECT_TRUE(bad.getOffset() == invalid && bad.getSize() == 4u);
 
+    // Misuse is an error naming the call and the offset, and no count changes: a dismiss with
+    // no reference held or of an offset inside an object, a free through a stale copy.
+    HXLVirtualPageItem held, spare;
+    mgr.alloc(24, held);
+    mgr.alloc(24, spare);
+    mgr.dismiss(spare);
+    const unsigned long long outstanding = outstandingReferences(&mgr);
+    auto misuse = [](const char* call, const char* what, unsigned long long offset) {
+        char text[200];
+        std::snprintf(text, sizeof(text), "state: %s: %s at store offset 0x%llx <- HXL_THROW %s",
+                      call, what, offset, call);
+        return std::string(text);
+    };
+    const char* noReference = "no reference held, or no object";
+    EXPECT_EQ(thrown([&] { mgr.dismiss(spare); }),
+              misuse("HXLVirtualMemoryMgr::dismiss", noReference, spare.getOffset()));
+    EXPECT_EQ(thrown([&] { mgr.dismiss(held.getOffset() + 16); }),
+              misuse("HXLVirtualMemoryMgr::dismiss", noReference, held.getOffset() + 16));
+    HXLVirtualPageItem stale = spare;
+    mgr.free(spare);
+    EXPECT_EQ(thrown([&] { mgr.free(stale); }),
+              misuse("HXLVirtualMemoryMgr::free", "no live object", stale.getOffset()));
+    EXPECT_EQ(stale.empty(), 0); // left as it was
+    EXPECT_EQ(outstandingReferences(&mgr), outstanding);
+    mgr.dismiss(held);
+    mgr.free(held);
+
     // Switched off the check does nothing; on, it counts objects with references (the one the
     // failed growth made among them), an object held twice once.
     EXPECT_EQ(thrown([&] { mgr.throwExceptionOnReferenceLeak(); }), "nothing");

@@ -124,7 +124,10 @@ void HXLVirtualMemoryMgr::free(HXLVirtualPageItem& item) {
         return;
     tcmalloc::PageItem record;
     record.offset = item.getOffset();
+    const unsigned long long misuses = m_fast->misuses;
     m_pool->Deallocate(record);
+    if (m_fast->misuses != misuses)
+        misuse("HXLVirtualMemoryMgr::free", "no live object", record.offset);
     item.setOffset(0);
 }
 
@@ -141,7 +144,17 @@ void HXLVirtualMemoryMgr::dismissSlow(unsigned long long offset) {
         return;
     tcmalloc::PageItem record;
     record.offset = offset;
+    const unsigned long long misuses = m_fast->misuses;
     m_pool->Dismiss(record);
+    if (m_fast->misuses != misuses)
+        misuse("HXLVirtualMemoryMgr::dismiss", "no reference held, or no object", offset);
+}
+
+void HXLVirtualMemoryMgr::misuse(const char* operation, const char* what,
+                                 unsigned long long offset) {
+    char text[160];
+    std::snprintf(text, sizeof(text), "%s: %s at store offset 0x%llx", operation, what, offset);
+    HXL_THROW(HXLIllegalStateError(0, text), operation);
 }
 
 void* HXLVirtualMemoryMgr::getAddressSlow(unsigned long long offset, int flag) {

@@ -26,7 +26,10 @@ class HXLVirtualMapper;
 // Exceptions: the constructors throw HXLOutOfMemoryError when the store cannot be made; alloc
 // and allocUsingPool throw it when the store gives no address (alloc throws HXLAssertError when
 // a growing object's old bytes cannot be mapped back); throwExceptionOnReferenceLeak throws
-// HXLIllegalStateError; dumpMapper throws HXLOutOfMemoryError and what the stream throws. The
+// HXLIllegalStateError; dumpMapper throws HXLOutOfMemoryError and what the stream throws.
+// Misuse throws HXLIllegalStateError naming the call and the offset, and changes nothing: a
+// dismiss of a live-looking offset whose object holds no reference or that names no object,
+// and a free of such an offset (an object freed already through a copy of its item). The
 // other calls throw nothing: a failure is a null address or no effect.
 class HXLVirtualMemoryMgr {
 public:
@@ -51,11 +54,13 @@ public:
     // one's bytes are copied over and it is freed); a smaller size shrinks in place. Throws
     // HXLOutOfMemoryError when the store gives no address.
     void* alloc(unsigned int size, HXLVirtualPageItem& item);
-    // Ends the object of a live item and sets its offset to 0; the size stays.
+    // Ends the object of a live item and sets its offset to 0; the size stays. Throws
+    // HXLIllegalStateError, with the item unchanged, when the offset names no live object.
     void free(HXLVirtualPageItem& item);
     // Marks the object of a live item as changed. Writers need not call it.
     void dirty(HXLVirtualPageItem& item);
-    // Gives back one reference on the object of a live item (or offset).
+    // Gives back one reference on the object of a live item (or offset). Throws
+    // HXLIllegalStateError when the object holds no reference or the offset names none.
     void dismiss(HXLVirtualPageItem& item) { dismiss(item.getOffset()); }
     void dismiss(unsigned long long offset) {
         // Inline: a resident object is let go here, without a call into the store.
@@ -110,6 +115,9 @@ private:
     // object, and the rare cases the store's fast path declines.
     void* getAddressSlow(unsigned long long offset, int flag);
     void dismissSlow(unsigned long long offset);
+    // Throws HXLIllegalStateError naming the operation and the offset.
+    [[noreturn]] static void misuse(const char* operation, const char* what,
+                                    unsigned long long offset);
 
     tcmalloc::VirtualMemoryPool* m_pool;
     // The store's published fast path, or an empty table when the store offers none (every

@@ -396,6 +396,8 @@ private:
     void takePrint(Span* span);
     void mappedForWriting(Span* span);
     bool endPins(Span* span, unsigned slot);
+    // Records misuse in the table for the caller to see; nothing else changes.
+    HXL_VMM_COLD void misused(unsigned long long offset);
     bool keepEmptied(Span* span);
     void ringInsert(Span* span);
     void ringRemove(Span* span);

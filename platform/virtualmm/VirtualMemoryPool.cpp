@@ -172,9 +172,17 @@ void VirtualMemoryPool::Engine::mappedForWriting(Span* span) {
 void VirtualMemoryPool::Engine::dismiss(unsigned long long offset) {
     unsigned slot;
     Span* span = find(offset, slot);
-    if (span == nullptr || !span->resident() || span->counts()[slot] == kCountZero)
+    // No object, or one that holds no reference (a paged-out span holds none): misuse.
+    if (span == nullptr || !span->resident() || span->counts()[slot] == kCountZero) {
+        misused(offset);
         return;
+    }
     unpin(span, slot);
+}
+
+void VirtualMemoryPool::Engine::misused(unsigned long long offset) {
+    ++m_table.misuses;
+    m_table.misuseOffset = offset;
 }
 
 void VirtualMemoryPool::Engine::dirty(unsigned long long offset) {
@@ -187,8 +195,10 @@ void VirtualMemoryPool::Engine::dirty(unsigned long long offset) {
 void VirtualMemoryPool::Engine::deallocate(unsigned long long offset) {
     unsigned slot;
     Span* span = find(offset, slot);
-    if (span == nullptr)
+    if (span == nullptr) { // freed already, or never an object
+        misused(offset);
         return;
+    }
     m_objectsMax = std::max(m_objectsMax, m_objectsCurrent);
     const bool resident = span->resident();
     const bool unpinnedNow = resident && span->counts()[slot] > kCountZero && endPins(span, slot);
