@@ -78,28 +78,34 @@ static_assert(sizeof(FastPage) == 16, "page entry layout");
 
 // The table an engine publishes: good for the life of its VirtualMemoryPool. The engine keeps
 // its own counts here, so that the routines below keep them exact.
-struct FastTable {
-    FastPage* pages;                     // 0: entries by page number (page = offset >> 13)
-    unsigned long long pageCount;        // 8: entries in `pages`
-    unsigned long long outstanding;      // 16: objects whose count is above 0
-    unsigned long long unpinnedResident; // 24: resident spans with no pinned object
-    unsigned long long residentBytes;    // 32: bytes of resident spans
-    unsigned long long budget;           // 40: the resident budget in bytes
-    unsigned layout;                     // 48: kFastLayout of the engine that made it
-    unsigned reserved;                   // 52
+struct alignas(64) FastTable {
+    FastPage* pages;              // 0: entries by page number (page = offset >> 13)
+    unsigned long long pageCount; // 8: entries in `pages`
+    // Events counted apart, so that a hit adds to counters of its own instead of moving one
+    // count up and down (each would wait for the other's store): objects with a count above 0
+    // are firstPins - lastUnpins, pinned spans spanPins - spanUnpins.
+    unsigned long long firstPins;     // 16: counts that went from 0 to 1
+    unsigned long long lastUnpins;    // 24: counts that went from 1 to 0
+    unsigned long long spanPins;      // 32: pin counts of spans that went from 0 to 1
+    unsigned long long spanUnpins;    // 40: pin counts of spans that went from 1 to 0
+    unsigned long long residentBytes; // 48: bytes of resident spans
+    unsigned long long budget;        // 56: the resident budget in bytes
     // Misuse the plain calls met and answered by doing nothing: a Dismiss of an object that
     // holds no reference or of an offset that names no object, a Deallocate of an offset that
     // names no live object (freed already, or never one). A caller compares the count before
     // and after its call to turn misuse into an error of its own.
-    unsigned long long misuses;      // 56: misuse seen since the store was made
-    unsigned long long misuseOffset; // 64: the offset of the last one
+    unsigned long long misuses;      // 64: misuse seen since the store was made
+    unsigned long long misuseOffset; // 72: the offset of the last one
+    unsigned layout;                 // 80: kFastLayout of the engine that made it
+    unsigned reserved;               // 84
 
     static constexpr unsigned kPageShift = 13;
     static constexpr unsigned kFastLayout = 1;
 };
-static_assert(offsetof(FastTable, layout) == 48, "fast table layout");
-static_assert(offsetof(FastTable, misuses) == 56, "fast table layout");
-static_assert(offsetof(FastTable, misuseOffset) == 64, "fast table layout");
+static_assert(offsetof(FastTable, firstPins) == 16, "fast table layout");
+static_assert(offsetof(FastTable, budget) == 56, "fast table layout: what a hit reads, one line");
+static_assert(offsetof(FastTable, misuses) == 64, "fast table layout");
+static_assert(offsetof(FastTable, layout) == 80, "fast table layout");
 
 // The count byte of the object at `offset` in a resident span, or null when the offset is in
 // no resident span or is not the start of a slot. Counts of free slots read kFastFreeSlot.
@@ -137,9 +143,9 @@ inline void* fastMap(FastTable& table, unsigned long long offset, bool forWritin
         return nullptr;
     *count = static_cast<unsigned char>(c + 1);
     if (c == kFastCountZero) {
-        ++table.outstanding;
+        ++table.firstPins;
         if (span->pinCount++ == 0)
-            --table.unpinnedResident;
+            ++table.spanPins;
     }
     return entry->bias + offset;
 }
@@ -164,10 +170,10 @@ inline bool fastDismiss(FastTable& table, unsigned long long offset) {
             if ((span->flags & (kFastScan | kFastFresh)) != 0 || table.residentBytes > table.budget)
                 return false;
             span->flags |= kFastReferenced;
-            ++table.unpinnedResident;
+            ++table.spanUnpins;
         }
         --span->pinCount;
-        --table.outstanding;
+        ++table.lastUnpins;
     }
     *count = static_cast<unsigned char>(c - 1);
     return true;
@@ -204,7 +210,7 @@ inline void* fastMove(FastTable& table, unsigned long long from, unsigned long l
         *fromCount = static_cast<unsigned char>(f - 1);
         const int pinned = (t == kFastCountZero) - (f == kFastCountZero + 1);
         if (pinned != 0) {
-            table.outstanding += static_cast<unsigned long long>(static_cast<long long>(pinned));
+            ++(pinned > 0 ? table.firstPins : table.lastUnpins);
             span->pinCount = static_cast<unsigned short>(span->pinCount + pinned);
         }
     }

@@ -38,7 +38,7 @@
 //
 // Design rules
 //   1. A pinned span is resident and never moves; only unpinned spans leave memory.
-//   2. The clock ring holds exactly the resident spans; unpinnedResident counts those of them
+//   2. The clock ring holds exactly the resident spans; unpinnedResident() counts those of them
 //      that are not pinned, so a sweep knows when nothing can be evicted.
 //   3. residentBytes is the sum of the sizes of resident spans. After any call returns it is at
 //      most the budget, plus what pinned spans hold, plus spans whose page-out failed.
@@ -50,8 +50,8 @@
 //      a span that goes out again is written over its own slot.
 //   6. The page map covers exactly the pages of live spans; released page numbers and file
 //      slots go back to their extent allocators and are reused.
-//   7. outstanding counts the objects whose reference count is above 0; it changes only when a
-//      count moves between 0 and 1.
+//   7. outstandingObjects() counts the objects whose reference count is above 0; it changes
+//      only when a count moves between 0 and 1.
 //   8. An I/O failure never changes an object's bytes or frees one: a failed write leaves the
 //      span resident (with no copy, since its slot may now hold half of it); a failed or
 //      damaged read leaves it paged out with its slot and fingerprint intact.
@@ -407,11 +407,18 @@ private:
     void nonFullRemove(Span* span);
     void checkSpan(const Span* span) const;
 
+    // Objects whose count is above 0 (rule 7), and resident spans with no pinned object (rule
+    // 2), from the table's event counts.
+    unsigned long long outstandingObjects() const { return m_table.firstPins - m_table.lastUnpins; }
+    unsigned long long unpinnedResident() const {
+        return m_residentSpans - (m_table.spanPins - m_table.spanUnpins);
+    }
+
     // The published table (VirtualMemoryFastPath.h): the fast map and the counts a hit keeps.
     // Its budget is the resident budget; residentBytes is the sum of the sizes of resident
-    // spans; outstanding counts objects with a count above 0; unpinnedResident counts resident
-    // spans with no pinned object.
+    // spans.
     FastTable m_table{};
+    unsigned long long m_residentSpans = 0; // spans in memory: the ring's length
     std::vector<FastPage> m_fastPages;
     std::vector<Span*> m_pageMap; // span record of every page of a live span
     std::vector<SizeClass> m_classes;

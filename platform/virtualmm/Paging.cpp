@@ -16,7 +16,7 @@ bool VirtualMemoryPool::Engine::makeRoom(unsigned long long incoming) {
     const unsigned long long goal = m_table.budget - spare();
     auto needMore = [&] {
         return m_table.residentBytes - m_batchBytes + incoming > goal &&
-               m_table.unpinnedResident > m_batch.size();
+               unpinnedResident() > m_batch.size();
     };
     while (needMore() && !m_scanQueue.empty()) {
         const ScanEntry entry = m_scanQueue.front();

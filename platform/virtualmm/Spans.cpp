@@ -150,14 +150,15 @@ void VirtualMemoryPool::Engine::becomeResident(Span* span, char* memory, FastSpa
     setState(span, state);
     mapPages(span, hot, memory - span->baseOffset());
     m_table.residentBytes += span->bytes();
-    ++m_table.unpinnedResident; // a span comes in unpinned
+    ++m_residentSpans; // a span comes in unpinned
     ringInsert(span);
 }
 
 void VirtualMemoryPool::Engine::leaveMemory(Span* span) {
     ringRemove(span);
-    if (span->pins() == 0)
-        --m_table.unpinnedResident;
+    if (span->pins() != 0)
+        ++m_table.spanUnpins; // a pinned large object's span released by its deallocation
+    --m_residentSpans;
     m_table.residentBytes -= span->bytes();
     mapPages(span, nullptr, nullptr);
     dropBuffer(span->memory, span->pageCount);
@@ -421,9 +422,10 @@ void VirtualMemoryPool::Engine::verify() const {
         residentSpans += span != nullptr && span->firstPage == page && span->resident();
     }
     VMM_CHECK(ringLength == residentSpans, ringLength);
-    VMM_CHECK(ringUnpinned == m_table.unpinnedResident, ringUnpinned);
-    VMM_CHECK(resident == m_table.residentBytes, resident);     // rule 3
-    VMM_CHECK(outstanding == m_table.outstanding, outstanding); // rule 7
+    VMM_CHECK(ringLength == m_residentSpans, ringLength);
+    VMM_CHECK(ringUnpinned == unpinnedResident(), ringUnpinned);
+    VMM_CHECK(resident == m_table.residentBytes, resident);      // rule 3
+    VMM_CHECK(outstanding == outstandingObjects(), outstanding); // rule 7
     VMM_CHECK(bigCounts == m_bigCounts.size(), bigCounts);
     VMM_CHECK(objects == m_objectsCurrent, objects);
     VMM_CHECK(m_batch.empty() && m_batchBytes == 0, m_batch.size());

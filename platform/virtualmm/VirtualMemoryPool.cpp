@@ -18,9 +18,9 @@ bool VirtualMemoryPool::Engine::pin(Span* span, unsigned slot) {
     unsigned char& count = span->counts()[slot];
     if (count == kCountZero) {
         count = kCountZero + 1;
-        ++m_table.outstanding;
+        ++m_table.firstPins;
         if (span->pins()++ == 0) {
-            --m_table.unpinnedResident;
+            ++m_table.spanPins;
             if ((span->hotFlags() & kFastScanUsed) != 0) // used twice: no scan span any more
                 span->hotFlags() &= static_cast<unsigned char>(~(kFastScan | kFastScanUsed));
         }
@@ -40,7 +40,7 @@ void VirtualMemoryPool::Engine::unpin(Span* span, unsigned slot) {
         return;
     }
     if (--count == kCountZero) {
-        --m_table.outstanding;
+        ++m_table.lastUnpins;
         if (--span->pins() == 0)
             spanUnpinned(span);
     }
@@ -51,7 +51,7 @@ void VirtualMemoryPool::Engine::unpin(Span* span, unsigned slot) {
 // may have held the store above its budget, and a failed page-out here is retried by the next
 // call that needs room (rule 8).
 void VirtualMemoryPool::Engine::spanUnpinned(Span* span) {
-    ++m_table.unpinnedResident;
+    ++m_table.spanUnpins;
     unsigned char& flags = span->hotFlags();
     flags |= (flags & kFastScan) != 0 ? kFastScanUsed : kFastReferenced;
     if ((flags & kFastFresh) != 0)
@@ -136,9 +136,9 @@ void* VirtualMemoryPool::Engine::allocate(unsigned long long size, PageItem& ite
     ++m_objectsCurrent;
     ++m_allocations;
     span->counts()[slot] = kCountZero + 1; // a new object has count 1
-    ++m_table.outstanding;
+    ++m_table.firstPins;
     if (span->pins()++ == 0)
-        --m_table.unpinnedResident;
+        ++m_table.spanPins;
     // Mapped for writing: a scan span used twice is none any more.
     span->hotFlags() &= static_cast<unsigned char>(~(kFastScan | kFastScanUsed));
     mappedForWriting(span);
@@ -227,10 +227,10 @@ void VirtualMemoryPool::Engine::deallocate(unsigned long long offset) {
 bool VirtualMemoryPool::Engine::endPins(Span* span, unsigned slot) {
     if (span->counts()[slot] == kCountInTable)
         m_bigCounts.erase(slotOffset(span, slot));
-    --m_table.outstanding;
+    ++m_table.lastUnpins;
     if (--span->pins() != 0)
         return false;
-    ++m_table.unpinnedResident;
+    ++m_table.spanUnpins;
     span->hotFlags() |= kFastReferenced;
     return true;
 }
@@ -296,7 +296,7 @@ unsigned long long VirtualMemoryPool::Engine::outstanding(VirtualMemoryReference
                                                           unsigned long long* total) {
     // The count is kept; the sum and the list are walked for only when asked for.
     if (total == nullptr && (info == nullptr || count == 0))
-        return m_table.outstanding;
+        return outstandingObjects();
     unsigned long long sum = 0, written = 0;
     for (unsigned long long page = 0; page < m_pageMap.size(); ++page) {
         const Span* span = m_pageMap[page];
@@ -313,7 +313,7 @@ unsigned long long VirtualMemoryPool::Engine::outstanding(VirtualMemoryReference
     }
     if (total != nullptr)
         *total = sum;
-    return m_table.outstanding;
+    return outstandingObjects();
 }
 
 // ------------------------------------------------------------------------------------------
