@@ -294,6 +294,109 @@ struct BatchEntry {
     bool newSlot;
 };
 
+// The clock ring (rule 2): every resident span once, in a circle, with the hand of the sweep.
+class ClockRing {
+public:
+    // Puts the span just behind the hand, so that the sweep reaches it last.
+    void insert(Span* span) {
+        ++m_size;
+        if (m_hand == nullptr) {
+            span->ringPrev = span->ringNext = span;
+            m_hand = span;
+            return;
+        }
+        span->ringNext = m_hand;
+        span->ringPrev = m_hand->ringPrev;
+        m_hand->ringPrev->ringNext = span;
+        m_hand->ringPrev = span;
+    }
+    void remove(Span* span) {
+        --m_size;
+        if (span->ringNext == span) {
+            m_hand = nullptr;
+        } else {
+            if (m_hand == span)
+                m_hand = span->ringNext;
+            span->ringPrev->ringNext = span->ringNext;
+            span->ringNext->ringPrev = span->ringPrev;
+        }
+        span->ringPrev = span->ringNext = nullptr;
+    }
+    // The span under the hand; the hand moves on to the next. The ring must not be empty.
+    Span* advance() {
+        Span* span = m_hand;
+        m_hand = span->ringNext;
+        return span;
+    }
+    const Span* hand() const { return m_hand; }
+    // Resident spans.
+    unsigned long long size() const { return m_size; }
+
+private:
+    Span* m_hand = nullptr; // the next span the sweep looks at; null when the ring is empty
+    unsigned long long m_size = 0;
+};
+
+// The buffers of resident spans. Freed buffers are kept (up to kBufferCacheBytes) for the next
+// page-in: giving them back to the process heap at once costs page faults when the heap returns
+// them to the system.
+class SpanMemory {
+public:
+    SpanMemory() {
+        // Room for every buffer the cache may keep, so that give, called half-way through
+        // moving a span out of memory, never allocates.
+        for (unsigned pages = 1; pages <= kCachedBufferPages; ++pages)
+            m_cached[pages].reserve((kBufferCacheBytes >> kPageShift) / pages);
+    }
+    ~SpanMemory() {
+        for (std::vector<char*>& bucket : m_cached)
+            for (char* buffer : bucket)
+                std::free(buffer);
+    }
+    SpanMemory(const SpanMemory&) = delete;
+    SpanMemory& operator=(const SpanMemory&) = delete;
+
+    // A buffer of `pages` pages, or null; `recycled` tells whether it held a span before (its
+    // bytes are then initialised, though not zero).
+    char* take(unsigned pages, bool& recycled) {
+        recycled = pages <= kCachedBufferPages && !m_cached[pages].empty();
+        if (recycled) {
+            char* buffer = m_cached[pages].back();
+            m_cached[pages].pop_back();
+            m_cachedBytes -= static_cast<unsigned long long>(pages) << kPageShift;
+            return buffer;
+        }
+        return static_cast<char*>(std::malloc(static_cast<size_t>(pages) << kPageShift));
+    }
+    // Takes back a buffer from take; never allocates.
+    void give(char* memory, unsigned pages) {
+        const unsigned long long bytes = static_cast<unsigned long long>(pages) << kPageShift;
+        if (pages <= kCachedBufferPages && m_cachedBytes + bytes <= kBufferCacheBytes) {
+            m_cached[pages].push_back(memory);
+            m_cachedBytes += bytes;
+            return;
+        }
+        std::free(memory);
+    }
+
+private:
+    std::vector<std::vector<char*>> m_cached{kCachedBufferPages + 1}; // by page count
+    unsigned long long m_cachedBytes = 0;
+};
+
+// The figures ExtractStats reports that the rest of the engine does not keep anyway.
+struct EngineCounts {
+    unsigned long long objectsCurrent = 0;
+    unsigned long long objectsMax = 0;  // brought up to date before each deallocation
+    unsigned long long allocations = 0; // objects ever allocated
+    unsigned long long largeSpans = 0;
+    unsigned long long largePages = 0;
+    unsigned long long pageReads = 0;
+    unsigned long long pageWrites = 0;
+    unsigned long long pageOuts = 0;
+    unsigned long long pageDrops = 0;
+};
+
 class VirtualMemoryPool::Engine {
 public:
     Engine(unsigned long long budget, const char* path);
@@ -387,6 +490,8 @@ private:
     void evict(Span* span);
     void queueForScan(Span* span);
     HXL_VMM_COLD bool pageIn(Span* span);
+    unsigned long long gatherRun(Span* span, bool sequential);
+    std::size_t readRun(const Span* span);
     void giveFileSlot(Span* span);
     bool pin(Span* span, unsigned slot);
     void unpin(Span* span, unsigned slot);
@@ -399,10 +504,6 @@ private:
     // Records misuse in the table for the caller to see; nothing else changes.
     HXL_VMM_COLD void misused(unsigned long long offset);
     bool keepEmptied(Span* span);
-    void ringInsert(Span* span);
-    void ringRemove(Span* span);
-    char* takeBuffer(unsigned pages, bool& recycled);
-    void dropBuffer(char* memory, unsigned pages);
     void nonFullPush(Span* span);
     void nonFullRemove(Span* span);
     void checkSpan(const Span* span) const;
@@ -411,14 +512,13 @@ private:
     // 2), from the table's event counts.
     unsigned long long outstandingObjects() const { return m_table.firstPins - m_table.lastUnpins; }
     unsigned long long unpinnedResident() const {
-        return m_residentSpans - (m_table.spanPins - m_table.spanUnpins);
+        return m_ring.size() - (m_table.spanPins - m_table.spanUnpins);
     }
 
     // The published table (VirtualMemoryFastPath.h): the fast map and the counts a hit keeps.
     // Its budget is the resident budget; residentBytes is the sum of the sizes of resident
     // spans.
     FastTable m_table{};
-    unsigned long long m_residentSpans = 0; // spans in memory: the ring's length
     std::vector<FastPage> m_fastPages;
     std::vector<Span*> m_pageMap; // span record of every page of a live span
     std::vector<SizeClass> m_classes;
@@ -428,7 +528,8 @@ private:
     RecordArena<8, 256> m_records;
     RecordArena<kHotAlign, 640> m_hotBlocks;
     std::unordered_map<unsigned long long, unsigned> m_bigCounts; // offset -> count >= 255
-    Span* m_hand = nullptr; // the clock hand: next span the sweep looks at; null if no span
+    ClockRing m_ring;
+    SpanMemory m_memory;
     std::vector<BatchEntry> m_batch; // spans chosen to be written, still resident
     unsigned long long m_batchBytes = 0;
     std::vector<iovec> m_pieces;       // scratch for gathered transfers
@@ -437,17 +538,7 @@ private:
     std::deque<ScanEntry> m_scanQueue; // spans read in file order, oldest first
     unsigned m_scanStamps = 0;
     unsigned m_nextSequential = kNoSlot; // file page just behind the last span read
-    std::vector<std::vector<char*>> m_buffers{kCachedBufferPages + 1}; // by page count
-    unsigned long long m_bufferBytes = 0;
-    unsigned long long m_objectsCurrent = 0;
-    unsigned long long m_objectsMax = 0;  // brought up to date before each deallocation
-    unsigned long long m_allocations = 0; // objects ever allocated
-    unsigned long long m_largeSpans = 0;
-    unsigned long long m_largePages = 0;
-    unsigned long long m_pageReads = 0;
-    unsigned long long m_pageWrites = 0;
-    unsigned long long m_pageOuts = 0;
-    unsigned long long m_pageDrops = 0;
+    EngineCounts m_counts;
 };
 
 } // namespace tcmalloc

@@ -29,8 +29,7 @@ bool VirtualMemoryPool::Engine::makeRoom(unsigned long long incoming) {
             return false;
     }
     while (needMore()) {
-        Span* span = m_hand;
-        m_hand = span->ringNext;
+        Span* span = m_ring.advance();
         if (span->pins() > 0 || (span->flags & kInBatch) != 0)
             continue;
         if ((span->hotFlags() & kFastReferenced) != 0) {
@@ -65,7 +64,7 @@ bool VirtualMemoryPool::Engine::chooseVictim(Span* span) {
         }
         setState(span, kExact); // mapped for writing, but not a byte changed
     }
-    ++m_pageDrops;
+    ++m_counts.pageDrops;
     evict(span);
     return true;
 }
@@ -107,7 +106,7 @@ bool VirtualMemoryPool::Engine::flushBatch() {
             if (written) {
                 span->fingerprint = m_batch[i].fingerprint;
                 setState(span, kExact);
-                ++m_pageWrites;
+                ++m_counts.pageWrites;
                 evict(span);
                 continue;
             }
@@ -125,7 +124,7 @@ bool VirtualMemoryPool::Engine::flushBatch() {
 // The span, unpinned and with an exact copy, leaves memory.
 void VirtualMemoryPool::Engine::evict(Span* span) {
     leaveMemory(span);
-    m_pageOuts += span->pageCount;
+    m_counts.pageOuts += span->pageCount;
 }
 
 // Returns the span's file slot for reuse.
@@ -137,25 +136,59 @@ void VirtualMemoryPool::Engine::giveFileSlot(Span* span) {
 // Reads the span back, with the spans that follow it in the file when the reads go in file
 // order (rule 11). False when the span itself cannot be read or is damaged (rule 9).
 bool VirtualMemoryPool::Engine::pageIn(Span* span) {
+    const bool sequential = span->fileSlot == m_nextSequential;
+    const unsigned long long runBytes = gatherRun(span, sequential);
+    if (!makeRoom(runBytes))
+        return false;
+    const std::size_t readCount = readRun(span);
+    bool ok = false;
+    for (std::size_t i = 0; i < m_run.size(); ++i) {
+        Span* member = m_run[i];
+        char* memory = static_cast<char*>(m_pieces[i].iov_base);
+        if (i >= readCount || fingerprint(memory, member->bytes()) != member->fingerprint) {
+            m_memory.give(memory, member->pageCount);
+            m_hotBlocks.give(m_hots[i], hotBytes(member->classIndex));
+            continue;
+        }
+        becomeResident(member, memory, m_hots[i], kExact);
+        ++m_counts.pageReads;
+        ok |= member == span;
+        if (sequential)
+            queueForScan(member);
+    }
+    if (!m_run.empty())
+        m_nextSequential = m_run.back()->fileSlot + m_run.back()->pageCount;
+    return ok;
+}
+
+// Puts the span in m_run, with the paged-out spans that follow it in the file when reading
+// ahead, up to 256 KiB and a quarter of the budget; gives the run's bytes.
+unsigned long long VirtualMemoryPool::Engine::gatherRun(Span* span, bool sequential) {
     m_run.clear();
     m_run.push_back(span);
     unsigned long long runBytes = span->bytes();
+    if (!sequential)
+        return runBytes;
+    const unsigned long long limit = std::min(kIoRunBytes, m_table.budget / 4);
     unsigned next = span->fileSlot + span->pageCount;
-    const bool sequential = span->fileSlot == m_nextSequential;
-    if (sequential) {
-        const unsigned long long limit = std::min(kIoRunBytes, m_table.budget / 4);
-        while (m_run.size() < m_run.capacity()) {
-            Span* follower = static_cast<Span*>(const_cast<void*>(m_file.ownerAt(next)));
-            if (follower == nullptr || follower->resident() || runBytes + follower->bytes() > limit)
-                break;
-            m_run.push_back(follower);
-            runBytes += follower->bytes();
-            next += follower->pageCount;
-        }
+    while (m_run.size() < m_run.capacity()) {
+        Span* follower = static_cast<Span*>(const_cast<void*>(m_file.ownerAt(next)));
+        if (follower == nullptr || follower->resident() || runBytes + follower->bytes() > limit)
+            break;
+        m_run.push_back(follower);
+        runBytes += follower->bytes();
+        next += follower->pageCount;
     }
-    if (!makeRoom(runBytes))
-        return false;
-    // What is pinned may leave no room for reading ahead.
+    return runBytes;
+}
+
+// Gives the run memory and hot blocks (in m_pieces and m_hots, the run cut to what memory
+// there is, and to what pinned spans leave room for) and reads it in one gathered call; gives
+// how many spans of the run were read, from the first (whose slot starts the run).
+std::size_t VirtualMemoryPool::Engine::readRun(const Span* span) {
+    unsigned long long runBytes = 0;
+    for (const Span* member : m_run)
+        runBytes += member->bytes();
     while (m_run.size() > 1 && m_table.residentBytes + runBytes > m_table.budget) {
         runBytes -= m_run.back()->bytes();
         m_run.pop_back();
@@ -164,41 +197,23 @@ bool VirtualMemoryPool::Engine::pageIn(Span* span) {
     m_hots.clear();
     for (Span* member : m_run) {
         bool recycled;
-        char* memory = takeBuffer(member->pageCount, recycled);
+        char* memory = m_memory.take(member->pageCount, recycled);
         FastSpan* hot = memory ? takeHot(member->classIndex) : nullptr;
         if (hot == nullptr) {
             if (memory != nullptr)
-                dropBuffer(memory, member->pageCount);
+                m_memory.give(memory, member->pageCount);
             break;
         }
         m_hots.push_back(hot); // cannot throw: reserved as m_run
         m_pieces.push_back({memory, member->bytes()});
     }
     m_run.resize(m_pieces.size());
-    std::size_t readCount = 0;
     if (!m_pieces.empty() &&
         m_file.read(m_pieces.data(), static_cast<unsigned>(m_pieces.size()), span->fileSlot))
-        readCount = m_pieces.size();
-    else if (m_pieces.size() > 1 && m_file.read(m_pieces.data(), 1, span->fileSlot))
-        readCount = 1; // the read-ahead failed; the span asked for may still be whole
-    bool ok = false;
-    for (std::size_t i = 0; i < m_run.size(); ++i) {
-        Span* member = m_run[i];
-        char* memory = static_cast<char*>(m_pieces[i].iov_base);
-        if (i >= readCount || fingerprint(memory, member->bytes()) != member->fingerprint) {
-            dropBuffer(memory, member->pageCount);
-            m_hotBlocks.give(m_hots[i], hotBytes(member->classIndex));
-            continue;
-        }
-        becomeResident(member, memory, m_hots[i], kExact);
-        ++m_pageReads;
-        ok |= member == span;
-        if (sequential)
-            queueForScan(member);
-    }
-    if (!m_run.empty())
-        m_nextSequential = m_run.back()->fileSlot + m_run.back()->pageCount;
-    return ok;
+        return m_pieces.size();
+    if (m_pieces.size() > 1 && m_file.read(m_pieces.data(), 1, span->fileSlot))
+        return 1; // the read-ahead failed; the span asked for may still be whole
+    return 0;
 }
 
 // The span, just read in file order, goes on the scan queue; the queue keeps at most about a

@@ -53,10 +53,7 @@ VirtualMemoryPool::Engine::Engine(unsigned long long budget, const char* path) :
         }
         size += step;
     }
-    // Room for every buffer the cache may keep, so that dropBuffer, called half-way through
-    // moving a span out of memory, never allocates; likewise for the scratch vectors.
-    for (unsigned pages = 1; pages <= kCachedBufferPages; ++pages)
-        m_buffers[pages].reserve((kBufferCacheBytes >> kPageShift) / pages);
+    // The scratch vectors never grow half-way through moving spans.
     m_batch.reserve(kIoRunBytes >> kPageShift);
     m_pieces.reserve(kIoRunBytes >> kPageShift);
     m_run.reserve(kIoRunBytes >> kPageShift);
@@ -80,34 +77,6 @@ VirtualMemoryPool::Engine::~Engine() {
         page += span->pageCount - 1; // the span's other pages name it too
         std::free(span->memory);     // null when paged out
     }
-    for (std::vector<char*>& bucket : m_buffers)
-        for (char* buffer : bucket)
-            std::free(buffer);
-}
-
-// A buffer of `pages` pages; `recycled` tells whether it held a span before (its bytes are
-// then initialised, though not zero).
-char* VirtualMemoryPool::Engine::takeBuffer(unsigned pages, bool& recycled) {
-    recycled = pages <= kCachedBufferPages && !m_buffers[pages].empty();
-    if (recycled) {
-        char* buffer = m_buffers[pages].back();
-        m_buffers[pages].pop_back();
-        m_bufferBytes -= static_cast<unsigned long long>(pages) << kPageShift;
-        return buffer;
-    }
-    return static_cast<char*>(std::malloc(static_cast<size_t>(pages) << kPageShift));
-}
-
-// Freed span buffers are kept (up to a bound) for the next page-in: giving them back to the
-// process heap at once costs page faults when the heap returns them to the system.
-void VirtualMemoryPool::Engine::dropBuffer(char* memory, unsigned pages) {
-    const unsigned long long bytes = static_cast<unsigned long long>(pages) << kPageShift;
-    if (pages <= kCachedBufferPages && m_bufferBytes + bytes <= kBufferCacheBytes) {
-        m_buffers[pages].push_back(memory);
-        m_bufferBytes += bytes;
-        return;
-    }
-    std::free(memory);
 }
 
 // Grows or shrinks both page maps to `pages` entries and publishes the fast map; false, with
@@ -150,18 +119,16 @@ void VirtualMemoryPool::Engine::becomeResident(Span* span, char* memory, FastSpa
     setState(span, state);
     mapPages(span, hot, memory - span->baseOffset());
     m_table.residentBytes += span->bytes();
-    ++m_residentSpans; // a span comes in unpinned
-    ringInsert(span);
+    m_ring.insert(span);
 }
 
 void VirtualMemoryPool::Engine::leaveMemory(Span* span) {
-    ringRemove(span);
+    m_ring.remove(span);
     if (span->pins() != 0)
         ++m_table.spanUnpins; // a pinned large object's span released by its deallocation
-    --m_residentSpans;
     m_table.residentBytes -= span->bytes();
     mapPages(span, nullptr, nullptr);
-    dropBuffer(span->memory, span->pageCount);
+    m_memory.give(span->memory, span->pageCount);
     m_hotBlocks.give(span->hot, hotBytes(span->classIndex));
     span->memory = nullptr;
     span->hot = nullptr;
@@ -182,7 +149,7 @@ Span* VirtualMemoryPool::Engine::newSpan(unsigned short classIndex, unsigned pag
         !resizePageMap(m_pageNumbers.end() + pages))
         return nullptr;
     bool recycled;
-    char* memory = takeBuffer(pages, recycled);
+    char* memory = m_memory.take(pages, recycled);
     FastSpan* hot = memory != nullptr ? takeHot(classIndex) : nullptr;
     Span* span = hot != nullptr ? static_cast<Span*>(m_records.take(recordSize)) : nullptr;
     unsigned long long firstPage = 0;
@@ -198,7 +165,7 @@ Span* VirtualMemoryPool::Engine::newSpan(unsigned short classIndex, unsigned pag
         if (hot != nullptr)
             m_hotBlocks.give(hot, hotBytes(classIndex));
         if (memory != nullptr)
-            dropBuffer(memory, pages);
+            m_memory.give(memory, pages);
         return nullptr;
     }
     // Fresh memory is cleared so that a page file never receives uninitialised bytes; a
@@ -215,8 +182,8 @@ Span* VirtualMemoryPool::Engine::newSpan(unsigned short classIndex, unsigned pag
     for (unsigned i = 0; i < pages; ++i)
         m_pageMap[firstPage + i] = span;
     if (classIndex == kLargeClass) {
-        ++m_largeSpans;
-        m_largePages += pages;
+        ++m_counts.largeSpans;
+        m_counts.largePages += pages;
     } else {
         ++m_classes[classIndex].spanCount;
     }
@@ -229,8 +196,8 @@ void VirtualMemoryPool::Engine::releaseSpan(Span* span) {
     if (span->fileSlot != kNoSlot)
         giveFileSlot(span);
     if (span->classIndex == kLargeClass) {
-        --m_largeSpans;
-        m_largePages -= span->pageCount;
+        --m_counts.largeSpans;
+        m_counts.largePages -= span->pageCount;
     } else {
         nonFullRemove(span);
         --m_classes[span->classIndex].spanCount;
@@ -245,31 +212,6 @@ void VirtualMemoryPool::Engine::releaseSpan(Span* span) {
     if (m_pageNumbers.end() < m_pageMap.size())
         resizePageMap(m_pageNumbers.end());
     m_records.give(span, recordBytes(span));
-}
-
-// New and paged-in spans go just behind the hand, so the sweep reaches them last.
-void VirtualMemoryPool::Engine::ringInsert(Span* span) {
-    if (m_hand == nullptr) {
-        span->ringPrev = span->ringNext = span;
-        m_hand = span;
-        return;
-    }
-    span->ringNext = m_hand;
-    span->ringPrev = m_hand->ringPrev;
-    m_hand->ringPrev->ringNext = span;
-    m_hand->ringPrev = span;
-}
-
-void VirtualMemoryPool::Engine::ringRemove(Span* span) {
-    if (span->ringNext == span) {
-        m_hand = nullptr;
-    } else {
-        if (m_hand == span)
-            m_hand = span->ringNext;
-        span->ringPrev->ringNext = span->ringNext;
-        span->ringNext->ringPrev = span->ringPrev;
-    }
-    span->ringPrev = span->ringNext = nullptr;
 }
 
 void VirtualMemoryPool::Engine::nonFullPush(Span* span) {
@@ -406,8 +348,8 @@ void VirtualMemoryPool::Engine::verify() const {
     }
     // Rule 2: the ring holds the resident spans, each once, and unpinnedResident is exact.
     unsigned long long ringLength = 0, ringUnpinned = 0, residentSpans = 0;
-    if (m_hand != nullptr) {
-        const Span* span = m_hand;
+    if (m_ring.hand() != nullptr) {
+        const Span* span = m_ring.hand();
         do {
             VMM_CHECK(span->resident(), span->firstPage);
             VMM_CHECK(m_pageMap[span->firstPage] == span, span->firstPage);
@@ -415,19 +357,19 @@ void VirtualMemoryPool::Engine::verify() const {
             ringUnpinned += span->pins() == 0;
             ++ringLength;
             span = span->ringNext;
-        } while (span != m_hand && ringLength <= m_pageMap.size());
+        } while (span != m_ring.hand() && ringLength <= m_pageMap.size());
     }
     for (unsigned long long page = 0; page < m_pageMap.size(); ++page) {
         const Span* span = m_pageMap[page];
         residentSpans += span != nullptr && span->firstPage == page && span->resident();
     }
     VMM_CHECK(ringLength == residentSpans, ringLength);
-    VMM_CHECK(ringLength == m_residentSpans, ringLength);
+    VMM_CHECK(ringLength == m_ring.size(), ringLength);
     VMM_CHECK(ringUnpinned == unpinnedResident(), ringUnpinned);
     VMM_CHECK(resident == m_table.residentBytes, resident);      // rule 3
     VMM_CHECK(outstanding == outstandingObjects(), outstanding); // rule 7
     VMM_CHECK(bigCounts == m_bigCounts.size(), bigCounts);
-    VMM_CHECK(objects == m_objectsCurrent, objects);
+    VMM_CHECK(objects == m_counts.objectsCurrent, objects);
     VMM_CHECK(m_batch.empty() && m_batchBytes == 0, m_batch.size());
     VMM_CHECK(pagesMapped + m_pageNumbers.freeUnits() + 1 == m_pageNumbers.end(), pagesMapped);
     VMM_CHECK(filePages == m_file.pagesInUse(), filePages); // rule 6 and P2

@@ -133,8 +133,8 @@ void* VirtualMemoryPool::Engine::allocate(unsigned long long size, PageItem& ite
     }
     span->live()[slot >> 6] |= 1ULL << (slot & 63);
     ++span->liveCount;
-    ++m_objectsCurrent;
-    ++m_allocations;
+    ++m_counts.objectsCurrent;
+    ++m_counts.allocations;
     span->counts()[slot] = kCountZero + 1; // a new object has count 1
     ++m_table.firstPins;
     if (span->pins()++ == 0)
@@ -199,14 +199,14 @@ void VirtualMemoryPool::Engine::deallocate(unsigned long long offset) {
         misused(offset);
         return;
     }
-    m_objectsMax = std::max(m_objectsMax, m_objectsCurrent);
+    m_counts.objectsMax = std::max(m_counts.objectsMax, m_counts.objectsCurrent);
     const bool resident = span->resident();
     const bool unpinnedNow = resident && span->counts()[slot] > kCountZero && endPins(span, slot);
     if (resident)
         span->counts()[slot] = kFreeSlot;
     span->live()[slot >> 6] &= ~(1ULL << (slot & 63));
     --span->liveCount;
-    --m_objectsCurrent;
+    --m_counts.objectsCurrent;
     if (span->classIndex == kLargeClass) {
         releaseSpan(span);
         return;
@@ -264,16 +264,16 @@ void VirtualMemoryPool::Engine::extractStats(VirtualMemoryStats* stats, unsigned
     stats->pageSize = kPageSize;
     stats->residentBudget = m_table.budget;
     stats->residentBytes = m_table.residentBytes;
-    stats->objectsCurrent = m_objectsCurrent;
-    stats->objectsMax = std::max(m_objectsMax, m_objectsCurrent);
-    stats->objectsCumulative = m_allocations;
-    stats->pageDrops = m_pageDrops;
+    stats->objectsCurrent = m_counts.objectsCurrent;
+    stats->objectsMax = std::max(m_counts.objectsMax, m_counts.objectsCurrent);
+    stats->objectsCumulative = m_counts.allocations;
+    stats->pageDrops = m_counts.pageDrops;
     stats->pageFileSize = m_file.sizeInBytes();
-    stats->pageReads = m_pageReads;
-    stats->pageOuts = m_pageOuts;
-    stats->pageWrites = m_pageWrites;
-    stats->largePages = m_largePages;
-    stats->largeSpans = m_largeSpans;
+    stats->pageReads = m_counts.pageReads;
+    stats->pageOuts = m_counts.pageOuts;
+    stats->pageWrites = m_counts.pageWrites;
+    stats->largePages = m_counts.largePages;
+    stats->largeSpans = m_counts.largeSpans;
     stats->fixedPoolCount = poolCount;
     std::snprintf(stats->pageFileName, sizeof(stats->pageFileName), "%s", m_file.name().c_str());
     unsigned index = 0;
