@@ -1,6 +1,7 @@
 #include "HXLVirtualPersistNode.h"
 
 #include "HXLVirtualMemoryMgr.h"
+#include "HXLVirtualReference.h"
 
 // Built when the library is loaded, before any class identifier can be asked for.
 std::atomic<unsigned int> HXLVirtualPersistNode::m_classId(0);
@@ -86,8 +87,12 @@ HXLVirtualPersistNode* HXLVirtualPersistNode::completeNode(HXLVirtualPersistNode
                                                            HXLVirtualContainer* container) {
     node->m_pageOffset = item.getOffset();
     node->m_container = container;
+    // Should onInit throw, the caller never sees the node: its reference goes back with the
+    // exception, and the block stays allocated (nothing names it any more, but it may page out).
+    HXLVirtualReference<HXLVirtualPersistNode> made(container->getMemoryMgr(), item.getOffset(),
+                                                    node);
     node->onInit();
-    return node;
+    return made.release();
 }
 
 HXLVirtualPageItem HXLVirtualPersistNode::getVirtualPageItem() {
