@@ -10,6 +10,7 @@
 #include "store_test_util.h"
 
 #include <cerrno>
+#include <climits>
 #include <stdexcept>
 
 namespace {
@@ -252,6 +253,12 @@ TEST(References, ATransferCutShortAtTheEndOfTheRangeRecordsEFBIG) {
         EXPECT_EQ(file.close(), 1);
         EXPECT_EQ(file.getLastErrorNumber(), static_cast<unsigned int>(EFBIG));
         EXPECT_EQ(file.seek(0, HXLFmFile::eSeekCurrent), static_cast<int>(0xFFFFFFFEu));
+        // Refused there, as is a count of 2 GiB; far seeks wrap at 32 bits.
+        EXPECT_EQ(file.write("x", 1), compress ? 1 : -1);
+        EXPECT_EQ(file.read(&data[0], 0x80000000u), -1);
+        EXPECT_EQ(file.getLastErrorNumber(), static_cast<unsigned int>(EINVAL));
+        EXPECT_EQ(file.seek(INT_MIN, HXLFmFile::eSeekCurrent), 0x7FFFFFFE);
+        EXPECT_EQ(file.seek(INT_MIN, HXLFmFile::eSeekCurrent), -2);
     }
     EXPECT_EQ(outstandingReferences(&store), 0u);
 }
