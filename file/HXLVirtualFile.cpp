@@ -155,7 +155,8 @@ void HXLVirtualFile::dismissBuffer(unsigned int position) {
         return;
     if (position == kCurrentPosition)
         position = m_position;
-    m_memoryMgr->dismiss(getPage(position));
+    // No mapping is left recorded, whatever the store says to the dismiss.
+    HXLVirtualReference<char> page(m_memoryMgr, getPage(position).getOffset(), m_currentBuffer);
     m_currentBuffer = NULL;
 }
 
@@ -266,10 +267,7 @@ int HXLVirtualFile::getLength() {
 }
 
 int HXLVirtualFile::close() {
-    if (m_currentBuffer) {
-        m_memoryMgr->dismiss(getCurrentPage());
-        m_currentBuffer = NULL;
-    }
+    dismissBuffer(kCurrentPosition);
     if (m_gzipStream) {
         // If finish throws, the compressor stays: a later close or the destructor ends it.
         m_gzipStream->finish();
