@@ -24,11 +24,12 @@
 
 namespace {
 
-// Large enough to have a span of its own: a node held does not keep others in memory.
+// Large enough that few share a span (the unit of paging, kept in memory whole while any of
+// its nodes is held), so that an edit meets nodes that are out of memory.
 class Item : public HXLVirtualTreeNode {
     HXL_VIRTUAL_NODE_CLASS(Item)
     HXLVirtualUTF8String m_name;
-    char m_padding[8192];
+    char m_padding[2000];
 };
 
 typedef HXLVirtualReference<HXLVirtualTreeNode> NodeRef;
@@ -86,7 +87,7 @@ private:
 class Forest {
 public:
     Forest()
-        : m_tree(64 * 1024, 0, 0), m_parent(kNodes + 1, -1), m_kids(kNodes + 1),
+        : m_tree(32 * 1024, 0, 0), m_parent(kNodes + 1, -1), m_kids(kNodes + 1),
           m_link(kNodes + 1, 0), m_offset(kNodes + 1, kRoot), m_name(kNodes + 1) {
         for (int id = 1; id <= kNodes; ++id) {
             ItemRef item(static_cast<Item*>(Item::create(&m_tree)));
