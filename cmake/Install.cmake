@@ -19,6 +19,8 @@ set(HXL_PUBLIC_HEADERS
     vmm/HXLVirtualMemoryMgr.h
     vmm/HXLVirtualPageItem.h
     vmm/HXLVirtualPageItemPool.h
+    vmm/HXLVirtualReference.h
+    nodes/HXLVirtualChildren.h
     nodes/HXLVirtualContainer.h
     nodes/HXLVirtualNodeClass.h
     nodes/HXLVirtualPersistNode.h
@@ -32,7 +34,7 @@ set(HXL_PUBLIC_HEADERS
     heap/HXLMemoryPool.h)
 # Headers that only the library's own sources include. Their first comment says "Not part of
 # the interface", which the install test looks for.
-set(HXL_INTERNAL_HEADERS strings/HXLVirtualStringPayload.h)
+set(HXL_INTERNAL_HEADERS strings/HXLVirtualStringPayload.h vmm/HXLTranslated.h)
 
 # Every header is one or the other: a new one has to be placed before the build configures.
 file(GLOB HXL_CONTRACT_HEADERS CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/contracts/*.h)

@@ -1,8 +1,10 @@
 // String handles with their bytes in the store: a glossary whose entries are stored nodes with
 // a UTF-8 word and its translation in the internal form, more text than the store keeps in
 // memory, read back after paging.
+#include "HXLVirtualChildren.h"
 #include "HXLVirtualI18NString.h"
 #include "HXLVirtualNodeClass.h"
+#include "HXLVirtualReference.h"
 #include "HXLVirtualTree.h"
 #include "HXLVirtualTreeNode.h"
 #include "HXLVirtualUTF8String.h"
@@ -68,11 +70,10 @@ int demoStrings(std::ostream& os) {
     HXLVirtualTreeNode* root = tree.getRootNode();
 
     auto add = [&](const std::string& word, const std::string& translation) {
-        Entry* entry = static_cast<Entry*>(Entry::create(&tree));
+        HXLVirtualReference<Entry> entry(static_cast<Entry*>(Entry::create(&tree)));
         entry->m_word.setString(text(word), &tree);
         entry->m_translation.setString(text(translation), &tree);
-        root->appendChild(entry);
-        entry->dismiss();
+        root->appendChild(entry.get());
     };
     for (const Pair& pair : kGlossary)
         add(pair.word, pair.translation);
@@ -81,9 +82,17 @@ int demoStrings(std::ostream& os) {
     os << "stored " << root->getChildCount() << " entries in a store that keeps " << kBudget
        << " bytes resident\n";
 
-    HXLVirtualTreeNode* node = root->getFirstChild();
-    for (const Pair& pair : kGlossary) {
-        Entry* entry = static_cast<Entry*>(node);
+    // One walk over the entries: the glossary first, then the generated ones.
+    const int glossary = static_cast<int>(sizeof(kGlossary) / sizeof(kGlossary[0]));
+    int equal = 0, index = 0;
+    for (Entry* entry : HXLVirtualChildren<Entry>(root)) {
+        const int i = index++ - glossary;
+        if (i >= 0) {
+            equal += entry->m_word.isEqual(text(generatedWord(i)), &tree) == 1 &&
+                     utf8Of(entry->m_translation.getString(&tree)) == generatedTranslation(i);
+            continue;
+        }
+        const Pair& pair = kGlossary[i + glossary];
         os << "  " << utf8Of(entry->m_word.getString(&tree)) << " = "
            << utf8Of(entry->m_translation.getString(&tree)) << "  (" << entry->m_word.getSize()
            << " UTF-8 bytes, " << entry->m_translation.getSize() << " bytes of internal form)\n";
@@ -91,19 +100,12 @@ int demoStrings(std::ostream& os) {
                           entry->m_word.isEqual(text(pair.word), &tree) == 1 &&
                               entry->m_translation.isEqual(text(pair.translation), &tree) == 1,
                           "the entry reads back as stored");
-        node = node->getNextSibling(1);
-    }
-    int equal = 0;
-    for (int i = 0; node != NULL; node = node->getNextSibling(1), ++i) {
-        Entry* entry = static_cast<Entry*>(node);
-        equal += entry->m_word.isEqual(text(generatedWord(i)), &tree) == 1 &&
-                 utf8Of(entry->m_translation.getString(&tree)) == generatedTranslation(i);
     }
     os << equal << " of " << kGenerated << " generated entries read back equal\n";
     failures += check(os, equal == kGenerated, "every generated entry survived paging");
 
     // A shorter value stays in its block; an equal or longer one moves to a new block.
-    Entry* first = static_cast<Entry*>(root->getFirstChild());
+    HXLVirtualReference<Entry> first(static_cast<Entry*>(root->getFirstChild()));
     const unsigned long long before = first->m_word.getOffset();
     first->m_word.setString(text("shop"), &tree);
     const bool kept = first->m_word.getOffset() == before;
@@ -113,7 +115,7 @@ int demoStrings(std::ostream& os) {
        << ") and as \"warehouse\" (new block: " << (moved ? "yes" : "no") << ")\n";
     failures += check(os, kept && moved && utf8Of(first->m_word.getString(&tree)) == "warehouse",
                       "shorter values reuse the block, longer ones move");
-    first->dismiss();
+    first.reset();
 
     std::ostringstream mapper;
     tree.dumpMapper(mapper);

@@ -1,7 +1,9 @@
 // Typed nodes and trees in the store: a library of books, chapters and notes several times
 // larger than the store's budget, built, walked while its nodes page in and out, and shown by
 // the tree dump and the store's report.
+#include "HXLVirtualChildren.h"
 #include "HXLVirtualNodeClass.h"
+#include "HXLVirtualReference.h"
 #include "HXLVirtualTree.h"
 #include "HXLVirtualTreeNode.h"
 #include "demo_sections.h"
@@ -41,8 +43,9 @@ public:
     int m_line;
 };
 
-template <class T> T* create(HXLVirtualTree& tree) {
-    return static_cast<T*>(tree.createNode(T::getClassId()));
+// A new node, held until the handle ends: no dismiss to pair by hand.
+template <class T> HXLVirtualReference<T> create(HXLVirtualTree& tree) {
+    return HXLVirtualReference<T>(static_cast<T*>(tree.createNode(T::getClassId())));
 }
 
 struct WalkTotals {
@@ -52,8 +55,7 @@ struct WalkTotals {
 
 // Depth first, holding one reference per depth; the class of each node comes from its image.
 void walk(HXLVirtualTreeNode* parent, WalkTotals& totals) {
-    for (HXLVirtualTreeNode* node = parent->getFirstChild(); node != NULL;
-         node = node->getNextSibling(1)) {
+    for (HXLVirtualTreeNode* node : HXLVirtualChildren(parent)) {
         const unsigned int id = node->getClassIdentifier();
         if (id == Book::getClassId())
             ++totals.books;
@@ -81,29 +83,26 @@ int demoTree(std::ostream& os) {
     tree.registerNodeCreator(Chapter::getClassId(), Chapter::create);
     tree.registerNodeCreator(Note::getClassId(), Note::create);
 
-    // Build: each node is dismissed as soon as it is linked, so it may leave memory.
+    // Build: each node is given back at the end of its handle's scope, so it may leave memory.
     long long pages = 0;
     unsigned long long lastChapter = 0;
     for (int b = 0; b < kBooks; ++b) {
-        Book* book = create<Book>(tree);
+        HXLVirtualReference<Book> book = create<Book>(tree);
         book->m_number = b + 1;
-        tree.getRootNode()->appendChild(book);
+        tree.getRootNode()->appendChild(book.get());
         for (int c = 0; c < kChaptersPerBook; ++c) {
-            Chapter* chapter = create<Chapter>(tree);
+            HXLVirtualReference<Chapter> chapter = create<Chapter>(tree);
             chapter->m_number = c + 1;
             chapter->m_pages = 10 + (b * 7 + c * 3) % 25;
             pages += chapter->m_pages;
-            book->appendChild(chapter);
+            book->appendChild(chapter.get());
             for (int n = 0; n < kNotesPerChapter; ++n) {
-                Note* note = create<Note>(tree);
+                HXLVirtualReference<Note> note = create<Note>(tree);
                 note->m_line = (n + 1) * 12;
-                chapter->appendChild(note);
-                note->dismiss();
+                chapter->appendChild(note.get());
             }
             lastChapter = chapter->getPageOffset();
-            chapter->dismiss();
         }
-        book->dismiss();
     }
     const int nodes = kBooks * kChaptersPerBook * (1 + kNotesPerChapter) + kBooks;
     os << "built " << nodes << " nodes of about " << sizeof(Chapter)
@@ -121,14 +120,14 @@ int demoTree(std::ostream& os) {
 
     // The last chapter of the last book has no later sibling, so its dump is its subtree.
     os << "\n";
-    HXLVirtualTreeNode* chapter = static_cast<HXLVirtualTreeNode*>(tree.getNode(lastChapter));
-    HXLVirtualTreeNode* book = chapter->getParent(0);
-    tree.dumpTree(chapter, os);
-    failures += check(os, book != NULL && book->getChildCount() == kChaptersPerBook,
-                      "the chapter's parent is a book with all its chapters");
-    if (book != NULL)
-        book->dismiss();
-    chapter->dismiss();
+    {
+        HXLVirtualReference<HXLVirtualTreeNode> chapter(
+            static_cast<HXLVirtualTreeNode*>(tree.getNode(lastChapter)));
+        HXLVirtualReference<HXLVirtualTreeNode> book(chapter->getParent(0));
+        tree.dumpTree(chapter.get(), os);
+        failures += check(os, book && book->getChildCount() == kChaptersPerBook,
+                          "the chapter's parent is a book with all its chapters");
+    }
 
     std::ostringstream mapper;
     tree.dumpMapper(mapper);

@@ -1,6 +1,8 @@
 #include "HXLVirtualFile.h"
 
+#include "HXLTranslated.h"
 #include "HXLVirtualMemoryMgr.h"
+#include "HXLVirtualReference.h"
 
 #include <cerrno>
 #include <cstring>
@@ -18,6 +20,8 @@ const unsigned int kLastPosition = 0xFFFFFFFE;
 const unsigned int kMaxTransfer = 0x7FFFFFFF;
 // What writeImpl gives back for a refused transfer: -1, widened with its sign as every result.
 const unsigned long long kRefused = ~0ULL;
+// The function name of the back-trace frames of this class.
+const char kLocation[] = "HXLVirtualFile";
 
 } // namespace
 
@@ -106,13 +110,8 @@ void HXLVirtualFile::open(HXLVirtualMemoryMgr* store, unsigned int /*unused*/,
 void HXLVirtualFile::open(unsigned int storeSize, unsigned int unused, unsigned int pageSize,
                           bool compress) {
     m_ownsMemoryMgr = true;
-    HXLVirtualMemoryMgr* store = NULL;
-    HXL_TRY {
-        store = new HXLVirtualMemoryMgr(storeSize, 0, 64);
-    }
-    HXL_TRANSLATE("HXLVirtualFile");
-    if (store == NULL)
-        HXL_THROW(HXLOutOfMemoryError(0, NULL), "HXLVirtualFile");
+    HXLVirtualMemoryMgr* store =
+        hxl_translated::make<HXLVirtualMemoryMgr>(kLocation, storeSize, 0u, 64);
     // Held before the call, so the destructor deletes the store even if an override throws.
     m_memoryMgr = store;
     open(store, unused, pageSize, compress);
@@ -133,15 +132,13 @@ char* HXLVirtualFile::getCurrentBuffer() {
     if (m_currentBuffer)
         return m_currentBuffer;
     HXLVirtualPageItem& page = getCurrentPage();
-    if (page.empty())
-        m_currentBuffer = static_cast<char*>(m_memoryMgr->alloc(m_pageSize, page));
-    else
-        m_currentBuffer = static_cast<char*>(m_memoryMgr->getAddress(page, 1));
     // The store gives null for a page it cannot bring back (no room to page another out, a
     // failed or damaged read); alloc throws the same for a page it cannot make. No reference
     // is held then, and m_currentBuffer stays null.
-    if (m_currentBuffer == NULL)
-        HXL_THROW(HXLOutOfMemoryError(0, NULL), "HXLVirtualFile");
+    m_currentBuffer = hxl_translated::required(
+        static_cast<char*>(page.empty() ? m_memoryMgr->alloc(m_pageSize, page)
+                                        : m_memoryMgr->getAddress(page, 1)),
+        kLocation);
     return m_currentBuffer;
 }
 
@@ -158,7 +155,8 @@ void HXLVirtualFile::dismissBuffer(unsigned int position) {
         return;
     if (position == kCurrentPosition)
         position = m_position;
-    m_memoryMgr->dismiss(getPage(position));
+    // No mapping is left recorded, whatever the store says to the dismiss.
+    HXLVirtualReference<char> page(m_memoryMgr, getPage(position).getOffset(), m_currentBuffer);
     m_currentBuffer = NULL;
 }
 
@@ -173,28 +171,43 @@ int HXLVirtualFile::read(void* buffer, unsigned int count) {
         return -1;
     // Only a seek can put the length at the sentinel; reading stops one byte short of it.
     const unsigned int end = m_length < kLastPosition ? m_length : kLastPosition;
-    char* out = static_cast<char*>(buffer);
+    return static_cast<int>(transfer(NULL, static_cast<char*>(buffer), count, end));
+}
+
+unsigned int HXLVirtualFile::transfer(const char* in, char* out, unsigned int count,
+                                      unsigned int end) {
+    const unsigned int left = m_position < end ? end - m_position : 0;
+    unsigned int remaining = count < left ? count : left;
     unsigned int total = 0;
-    unsigned int remaining = count;
     while (remaining > 0) {
-        if (m_position >= end)
-            break;
-        const char* page = getCurrentBuffer();
+        // The page at the position, held by the walk; a piece that stops inside it hands the
+        // reference back to m_currentBuffer for the next transfer.
+        char* const mapped = getCurrentBuffer(); // first: it may give the page its block
+        m_currentBuffer = NULL;
+        HXLVirtualReference<char> page(m_memoryMgr, getCurrentPage().getOffset(), mapped);
         const unsigned int offset = m_position % m_pageSize;
-        // The last page holds only up to the end.
-        const unsigned int available = (end / m_pageSize == m_position / m_pageSize)
-                                           ? end % m_pageSize - offset
-                                           : m_pageSize - offset;
-        const unsigned int chunk = remaining < available ? remaining : available;
-        std::memcpy(out + total, page + offset, chunk);
-        // Leaving the page: give it back while m_position still names it.
-        if (offset + chunk == m_pageSize)
-            dismissBuffer(m_position);
+        const unsigned int room = m_pageSize - offset;
+        const unsigned int chunk = remaining < room ? remaining : room;
+        if (in != NULL)
+            std::memcpy(page.get() + offset, in + total, chunk);
+        else
+            std::memcpy(out + total, page.get() + offset, chunk);
+        if (chunk < room)
+            m_currentBuffer = page.release();
         m_position += chunk;
         total += chunk;
         remaining -= chunk;
+        // Behind every piece, so that a page that cannot be had next leaves the length true for
+        // what is stored.
+        if (m_position > m_length)
+            m_length = m_position;
     }
-    return static_cast<int>(total);
+    // Cut short by the end of the position range, not by the end of the data: as a device that
+    // is full.
+    if (total < count && end == kLastPosition && m_position == kLastPosition &&
+        (in != NULL || m_length > kLastPosition))
+        fail(EFBIG);
+    return total;
 }
 
 int HXLVirtualFile::write(const void* data, unsigned int count) {
@@ -205,12 +218,7 @@ int HXLVirtualFile::write(const void* data, unsigned int count) {
     if (!m_compress)
         return static_cast<int>(static_cast<unsigned int>(writeImpl(data, count)));
     if (m_gzipStream == NULL) {
-        HXL_TRY {
-            m_gzipStream = new ZOJGZIPOutputStream();
-        }
-        HXL_TRANSLATE("HXLVirtualFile");
-        if (m_gzipStream == NULL)
-            HXL_THROW(HXLOutOfMemoryError(0, NULL), "HXLVirtualFile");
+        m_gzipStream = hxl_translated::make<ZOJGZIPOutputStream>(kLocation);
         // Laundered so that the compiler, which knows the type that was just constructed,
         // cannot turn this into a direct call: the streams library is only required to export
         // the constructor, and every other operation is reached through the object.
@@ -230,28 +238,7 @@ unsigned long long HXLVirtualFile::writeImpl(const void* data, unsigned int coun
         fail(EFBIG);
         return kRefused;
     }
-    // At the end of the position range the write stops short, as on a device that is full.
-    const unsigned int left = kLastPosition - m_position;
-    const char* in = static_cast<const char*>(data);
-    unsigned int total = 0;
-    unsigned int remaining = count < left ? count : left;
-    while (remaining > 0) {
-        char* page = getCurrentBuffer();
-        const unsigned int offset = m_position % m_pageSize;
-        const unsigned int room = m_pageSize - offset;
-        const unsigned int chunk = remaining < room ? remaining : room;
-        std::memcpy(page + offset, in + total, chunk);
-        // Leaving the page: give it back while m_position still names it.
-        if (offset + chunk == m_pageSize)
-            dismissBuffer(m_position);
-        m_position += chunk;
-        total += chunk;
-        remaining -= chunk;
-        // Behind every piece, so that a failed allocation of the next page leaves the length
-        // true for what is stored.
-        if (m_position > m_length)
-            m_length = m_position;
-    }
+    const unsigned int total = transfer(static_cast<const char*>(data), NULL, count, kLastPosition);
     // The total is a signed 32-bit count, widened with its sign.
     return static_cast<unsigned long long>(static_cast<long long>(static_cast<int>(total)));
 }
@@ -280,10 +267,7 @@ int HXLVirtualFile::getLength() {
 }
 
 int HXLVirtualFile::close() {
-    if (m_currentBuffer) {
-        m_memoryMgr->dismiss(getCurrentPage());
-        m_currentBuffer = NULL;
-    }
+    dismissBuffer(kCurrentPosition);
     if (m_gzipStream) {
         // If finish throws, the compressor stays: a later close or the destructor ends it.
         m_gzipStream->finish();

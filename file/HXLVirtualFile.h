@@ -25,6 +25,9 @@ class HXLVirtualMemoryMgr;
 //   EBADF   the file has no store (not opened, or opened with a null store);
 //   EINVAL  a count above 0x7FFFFFFF;
 //   EFBIG   a write at position 0xFFFFFFFE or beyond, where no byte fits any more.
+// A transfer that the end of the position range cuts short (it moves bytes up to 0xFFFFFFFE and
+// returns their count) records EFBIG as well, on the compressed path too, where write has
+// already returned the full count: check getLastErrorNumber after close.
 // A count of 0 returns 0 before any of these tests. A page the store cannot give, because it
 // cannot be allocated or cannot be brought back into memory, raises HXLOutOfMemoryError; what
 // was transferred before stays transferred, the position and the length stand behind the last
@@ -141,6 +144,10 @@ private:
     // when nothing is mapped. Throws HXLOutOfMemoryError, leaving nothing mapped, when the
     // store gives no address.
     char* getCurrentBuffer();
+    // The page walk of read (`in` null) and writeImpl (`out` null): up to `count` bytes between
+    // the position and `end`, page by page, moving the position (and the length behind it).
+    // Records EFBIG when the end of the position range cuts it short. Returns the bytes moved.
+    unsigned int transfer(const char* in, char* out, unsigned int count, unsigned int end);
     // -1, with the error number recorded, when a transfer of `count` (> 0) bytes cannot
     // start; else 0.
     int refuseTransfer(unsigned int count);

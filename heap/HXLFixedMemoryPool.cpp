@@ -1,6 +1,7 @@
 #include "HXLFixedMemoryPool.h"
 
 #include "HXLCore.h"
+#include "HXLTranslated.h"
 
 #include <climits>
 #include <cstddef>
@@ -100,12 +101,8 @@ int HXLFixedMemoryPool::isWhollyFree(Chunk* chunk) const {
 
 void HXLFixedMemoryPool::grow(void* chunk) {
     if (chunk == nullptr) {
-        HXL_TRY {
-            chunk = ::operator new(kChunkBytes);
-        }
-        HXL_TRANSLATE(nullptr);
-        if (chunk == nullptr)
-            HXL_THROW(HXLOutOfMemoryError(0, nullptr));
+        chunk = hxl_translated::required(
+            hxl_translated::run(nullptr, [] { return ::operator new(kChunkBytes); }), nullptr);
     }
     Chunk* c = static_cast<Chunk*>(chunk);
     c->m_next = m_chunks;

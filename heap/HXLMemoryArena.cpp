@@ -2,6 +2,7 @@
 
 #include "HXLCore.h"
 #include "HXLFixedMemoryPool.h"
+#include "HXLTranslated.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -28,13 +29,8 @@ HXLMemoryArena::HXLMemoryArena(int numVarBins, unsigned int maxAllowed, unsigned
     m_pools.reserve(static_cast<std::size_t>(numVarBins));
     try {
         for (int bin = 0; bin < numVarBins; ++bin) {
-            HXLFixedMemoryPool* pool = nullptr;
-            HXL_TRY {
-                pool = new HXLFixedMemoryPool(index2Size(bin), 0, 1);
-            }
-            HXL_TRANSLATE(nullptr);
-            if (pool == nullptr)
-                HXL_THROW(HXLOutOfMemoryError(0, nullptr));
+            HXLFixedMemoryPool* pool =
+                hxl_translated::make<HXLFixedMemoryPool>(nullptr, index2Size(bin), 0, 1);
             m_pools.push_back(pool); // cannot throw: the room is reserved
             if (bin == 0) {
                 int chunkSize = 0;
@@ -42,12 +38,7 @@ HXLMemoryArena::HXLMemoryArena(int numVarBins, unsigned int maxAllowed, unsigned
                 m_chunkSize = static_cast<unsigned int>(chunkSize);
             }
         }
-        HXL_TRY {
-            m_nonBinBlocks = new std::set<void*>();
-        }
-        HXL_TRANSLATE(nullptr);
-        if (m_nonBinBlocks == nullptr)
-            HXL_THROW(HXLOutOfMemoryError(0, nullptr));
+        m_nonBinBlocks = hxl_translated::make<std::set<void*>>(nullptr);
     } catch (...) {
         // No destructor runs for a half-built arena: give back the pools made so far.
         release();

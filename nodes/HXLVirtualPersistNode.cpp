@@ -86,6 +86,8 @@ HXLVirtualPersistNode* HXLVirtualPersistNode::completeNode(HXLVirtualPersistNode
                                                            HXLVirtualContainer* container) {
     node->m_pageOffset = item.getOffset();
     node->m_container = container;
+    // Should onInit throw, the exception passes on and the block stays allocated with its
+    // reference held: the application's onInit decides what its failure leaves.
     node->onInit();
     return node;
 }

@@ -1,6 +1,9 @@
 #include "HXLVirtualTree.h"
 
 #include "HXLCore.h"
+#include "HXLTranslated.h"
+#include "HXLVirtualChildren.h"
+#include "HXLVirtualReference.h"
 
 HXLVirtualTree::HXLVirtualTree(unsigned int a, unsigned int b, int c)
     : HXLVirtualContainer(a, b, c), m_rootNode(NULL) {
@@ -29,12 +32,7 @@ HXLVirtualTree::~HXLVirtualTree() {
 }
 
 void HXLVirtualTree::createRootNode() {
-    HXL_TRY {
-        m_rootNode = new HXLVirtualTreeNode;
-    }
-    HXL_TRANSLATE(NULL);
-    if (m_rootNode == NULL)
-        HXL_THROW(HXLOutOfMemoryError(0, NULL));
+    m_rootNode = hxl_translated::make<HXLVirtualTreeNode>(NULL);
     m_rootNode->setPageOffset(HXLVirtualPageItem::kInvalidOffset);
     m_rootNode->setContainer(this);
     try {
@@ -63,25 +61,25 @@ void HXLVirtualTree::dumpTree(HXLVirtualTreeNode* node, std::ostream& os) {
     if (node == NULL)
         node = m_rootNode;
     os << "**Dump of Virtual Tree**" << std::endl << std::endl;
-    HXLVirtualTreeNode* current =
+    // The walk's own reference on the node at hand; the root is held without one. Whatever the
+    // stream or a node's dump throws, the reference goes back on the way out.
+    HXLVirtualReference<HXLVirtualTreeNode> current(
         node->getPageOffset() == HXLVirtualPageItem::kInvalidOffset
             ? node
-            : static_cast<HXLVirtualTreeNode*>(getNode(node->getPageOffset()));
-    while (current != NULL) {
-        dumpNodeLine(current, os, 0);
-        dumpTreeNode(current, os, 1);
-        current = current->getNextSibling(1);
+            : static_cast<HXLVirtualTreeNode*>(getNode(node->getPageOffset())));
+    while (current) {
+        dumpNodeLine(current.get(), os, 0);
+        dumpTreeNode(current.get(), os, 1);
+        current = HXLVirtualReference<HXLVirtualTreeNode>(current->getNextSibling(0));
     }
     os << std::endl;
 }
 
 void HXLVirtualTree::dumpTreeNode(HXLVirtualTreeNode* node, std::ostream& os, int level) {
     HXL_ASSERT(node);
-    // One reference per depth, moved along each list by getNextSibling(1).
-    HXLVirtualTreeNode* child = node->getFirstChild();
-    while (child != NULL) {
+    // One reference per depth, moved along each list.
+    for (HXLVirtualTreeNode* child : HXLVirtualChildren(node)) {
         dumpNodeLine(child, os, level);
         dumpTreeNode(child, os, level + 1);
-        child = child->getNextSibling(1);
     }
 }

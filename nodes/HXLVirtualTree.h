@@ -15,7 +15,8 @@
 //
 // Exceptions: the constructors throw as the container's, HXLOutOfMemoryError when the root
 // cannot be made, and pass on what the root's onInit throws; dumpTree passes on what the stream
-// and the nodes' dump throw.
+// and the nodes' dump throw, and throws HXLOutOfMemoryError when the store cannot bring a node
+// back, leaving no reference of its own held in every case.
 class HXLVirtualTree : public HXLVirtualContainer {
 public:
     // The container's constructors, each followed by the root (whose onInit runs). If the

@@ -1,8 +1,12 @@
 #include "HXLVirtualTreeNode.h"
 
+#include "HXLTranslated.h"
+#include "HXLVirtualReference.h"
 #include "HXLVirtualTree.h"
 
+#include <cstddef>
 #include <cstdint>
+#include <vector>
 
 std::atomic<unsigned int> HXLVirtualTreeNode::m_classId(0);
 HXLThreadCriticalSection HXLVirtualTreeNode::m_classIdLock(0);
@@ -17,6 +21,9 @@ unsigned long long addressAsLink(const HXLVirtualTreeNode* node) {
 HXLVirtualTreeNode* linkAsAddress(unsigned long long link) {
     return reinterpret_cast<HXLVirtualTreeNode*>(static_cast<std::uintptr_t>(link));
 }
+
+// A node held by this file's operations for as long as they work on it.
+typedef HXLVirtualReference<HXLVirtualTreeNode> NodeRef;
 } // namespace
 
 HXLVirtualTreeNode::HXLVirtualTreeNode()
@@ -130,16 +137,20 @@ void HXLVirtualTreeNode::copyParentLink(const HXLVirtualTreeNode* from) {
     m_parentIsPointer = from->m_parentIsPointer;
 }
 
+// Every operation below maps each node that it will change before it changes any link, so a
+// node that the store cannot bring back (HXLOutOfMemoryError from getNode) leaves the tree as it
+// was. The writes then follow in the order of the operation's description, and each reference
+// taken here goes back through its handle on every way out.
+
 void HXLVirtualTreeNode::appendChild(HXLVirtualTreeNode* child) {
     HXL_ASSERT(child != NULL);
-    HXLVirtualTreeNode* last = nodeAt(m_lastChild);
-    if (last != NULL) {
+    const NodeRef last(nodeAt(m_lastChild));
+    if (last) {
         last->m_nextSibling = child->m_pageOffset;
         child->m_previousSibling = last->m_pageOffset;
         child->m_nextSibling = 0;
         child->linkToParent(this);
         m_lastChild = child->m_pageOffset;
-        last->dismiss();
     } else {
         m_firstChild = child->m_pageOffset;
         child->linkToParent(this);
@@ -152,116 +163,119 @@ void HXLVirtualTreeNode::appendChild(HXLVirtualTreeNode* child) {
 
 void HXLVirtualTreeNode::appendChildren(HXLVirtualTreeNode* child) {
     HXL_ASSERT(child != NULL);
-    HXLVirtualTreeNode* last = nodeAt(m_lastChild);
-    if (last != NULL) {
+    const NodeRef last(nodeAt(m_lastChild));
+    // The chain's nodes are linked to this parent first, holding at most two of them besides
+    // the caller's `child`; the list takes them in only when every one has come back. A chain
+    // node that cannot be mapped has its predecessors' parent links put back as they were.
+    std::vector<ParentLink> previousLinks;
+    unsigned int count = 0;
+    unsigned long long tail = 0;
+    try {
+        NodeRef held;
+        for (HXLVirtualTreeNode* node = child; node != NULL; node = held.get()) {
+            hxl_translated::run("HXLVirtualTreeNode::appendChildren", [&] {
+                previousLinks.push_back(ParentLink{node->m_parent, node->m_parentIsPointer});
+            });
+            node->linkToParent(this);
+            ++count;
+            tail = node->m_pageOffset;
+            held = NodeRef(node->nodeAt(node->m_nextSibling)); // the next, then this one goes
+        }
+    } catch (...) {
+        restoreParentLinks(child, previousLinks);
+        throw;
+    }
+    if (last) {
         last->m_nextSibling = child->m_pageOffset;
         child->m_previousSibling = last->m_pageOffset;
-        last->dismiss();
     } else {
         m_firstChild = child->m_pageOffset;
         child->m_previousSibling = 0;
     }
-    // The links inside the chain stay; at most two chain nodes are held at a time.
-    HXLVirtualTreeNode* node = child;
-    while (node != NULL) {
-        addChildren(1);
-        node->linkToParent(this);
-        m_lastChild = node->m_pageOffset;
-        HXLVirtualTreeNode* next = nodeAt(node->m_nextSibling);
-        if (node != child)
-            node->dismiss(); // `child` is the caller's reference
-        node = next;
+    addChildren(count);
+    m_lastChild = tail;
+}
+
+void HXLVirtualTreeNode::restoreParentLinks(HXLVirtualTreeNode* child,
+                                            const std::vector<ParentLink>& links) {
+    // The nodes came back a moment ago; should one fail now, the first failure is the one that
+    // goes on, and nothing more can be put back.
+    try {
+        NodeRef held;
+        HXLVirtualTreeNode* node = child;
+        for (std::size_t i = 0; i < links.size() && node != NULL; ++i) {
+            node->m_parent = links[i].m_parent;
+            node->m_parentIsPointer = links[i].m_parentIsPointer;
+            if (i + 1 < links.size()) {
+                held = NodeRef(node->nodeAt(node->m_nextSibling));
+                node = held.get();
+            }
+        }
+    } catch (...) {
     }
 }
 
 void HXLVirtualTreeNode::insertAfter(HXLVirtualTreeNode* sibling) {
     HXL_ASSERT(sibling != NULL);
-    HXLVirtualTreeNode* next = nodeAt(m_nextSibling);
-    if (next != NULL) {
-        sibling->m_previousSibling = next->m_previousSibling;
-        sibling->m_nextSibling = m_nextSibling;
-        m_nextSibling = sibling->m_pageOffset;
-        next->m_previousSibling = sibling->m_pageOffset;
-        sibling->copyParentLink(this);
-        next->dismiss();
-        HXLVirtualTreeNode* parent = findParent();
-        if (parent != NULL) {
-            parent->addChildren(1);
-            parent->dismiss();
-        }
-    } else {
-        m_nextSibling = sibling->m_pageOffset;
-        sibling->m_previousSibling = m_pageOffset;
-        sibling->m_nextSibling = 0;
-        sibling->copyParentLink(this);
-        HXLVirtualTreeNode* parent = findParent();
-        if (parent != NULL) {
-            parent->m_lastChild = sibling->m_pageOffset;
-            parent->addChildren(1);
-            parent->dismiss();
-        }
-    }
+    insertBeside(sibling, &HXLVirtualTreeNode::m_nextSibling,
+                 &HXLVirtualTreeNode::m_previousSibling, &HXLVirtualTreeNode::m_lastChild);
 }
 
 void HXLVirtualTreeNode::insertBefore(HXLVirtualTreeNode* sibling) {
     HXL_ASSERT(sibling != NULL);
-    HXLVirtualTreeNode* previous = nodeAt(m_previousSibling);
-    if (previous != NULL) {
-        sibling->m_previousSibling = previous->m_pageOffset;
-        sibling->m_nextSibling = previous->m_nextSibling;
-        m_previousSibling = sibling->m_pageOffset;
-        previous->m_nextSibling = sibling->m_pageOffset;
+    insertBeside(sibling, &HXLVirtualTreeNode::m_previousSibling,
+                 &HXLVirtualTreeNode::m_nextSibling, &HXLVirtualTreeNode::m_firstChild);
+}
+
+void HXLVirtualTreeNode::insertBeside(HXLVirtualTreeNode* sibling, Link toward, Link back,
+                                      Link parentEnd) {
+    // `toward` is the side the sibling goes to, `back` the other; `parentEnd` is the parent's
+    // end of the list on that side. insertAfter and insertBefore are mirror images.
+    const NodeRef neighbour(nodeAt(this->*toward));
+    const NodeRef parent(findParent());
+    if (neighbour) {
+        sibling->*back = neighbour.get()->*back; // this node
+        sibling->*toward = this->*toward;        // the neighbour
+        this->*toward = sibling->m_pageOffset;
+        neighbour.get()->*back = sibling->m_pageOffset;
         sibling->copyParentLink(this);
-        previous->dismiss();
-        HXLVirtualTreeNode* parent = findParent();
-        if (parent != NULL) {
-            parent->addChildren(1);
-            parent->dismiss();
-        }
     } else {
-        m_previousSibling = sibling->m_pageOffset;
-        sibling->m_nextSibling = m_pageOffset;
-        sibling->m_previousSibling = 0;
+        this->*toward = sibling->m_pageOffset;
+        sibling->*back = m_pageOffset;
+        sibling->*toward = 0;
         sibling->copyParentLink(this);
-        HXLVirtualTreeNode* parent = findParent();
-        if (parent != NULL) {
-            parent->m_firstChild = sibling->m_pageOffset;
-            parent->addChildren(1);
-            parent->dismiss();
-        }
+        if (parent)
+            parent.get()->*parentEnd = sibling->m_pageOffset;
     }
+    if (parent)
+        parent->addChildren(1);
 }
 
 void HXLVirtualTreeNode::removeChild(HXLVirtualTreeNode* child) {
     HXL_ASSERT(child != NULL);
     if (m_firstChild == child->m_pageOffset) {
-        HXLVirtualTreeNode* next = nodeAt(child->m_nextSibling);
-        if (next != NULL) {
+        const NodeRef next(nodeAt(child->m_nextSibling));
+        if (next) {
             m_firstChild = child->m_nextSibling;
             next->m_previousSibling = 0;
-            next->dismiss();
         } else {
             m_firstChild = 0; // the only child
             m_lastChild = 0;
         }
     } else if (m_lastChild == child->m_pageOffset) {
-        HXLVirtualTreeNode* previous = nodeAt(child->m_previousSibling);
+        const NodeRef previous(nodeAt(child->m_previousSibling));
         m_lastChild = child->m_previousSibling;
-        if (previous != NULL) {
+        if (previous)
             previous->m_nextSibling = 0;
-            previous->dismiss();
-        }
     } else {
-        HXLVirtualTreeNode* previous = nodeAt(child->m_previousSibling);
-        HXLVirtualTreeNode* next = nodeAt(child->m_nextSibling);
-        if (previous != NULL)
+        NodeRef previous(nodeAt(child->m_previousSibling));
+        NodeRef next(nodeAt(child->m_nextSibling));
+        if (previous)
             previous->m_nextSibling = child->m_nextSibling;
-        if (next != NULL)
+        if (next)
             next->m_previousSibling = child->m_previousSibling;
-        if (previous != NULL)
-            previous->dismiss();
-        if (next != NULL)
-            next->dismiss();
+        previous.reset();
+        next.reset();
     }
     child->m_nextSibling = 0;
     child->m_previousSibling = 0;
@@ -272,12 +286,16 @@ void HXLVirtualTreeNode::removeChildren(HXLVirtualTreeNode* first, HXLVirtualTre
     if (m_childCount == 0)
         return;
     // Ends taken here are given back at the very end, first before last.
-    HXLVirtualTreeNode* takenFirst = NULL;
-    HXLVirtualTreeNode* takenLast = NULL;
-    if (first == NULL)
-        first = takenFirst = nodeAt(m_firstChild);
-    if (last == NULL)
-        last = takenLast = nodeAt(m_lastChild);
+    NodeRef takenFirst;
+    NodeRef takenLast;
+    if (first == NULL) {
+        takenFirst = NodeRef(nodeAt(m_firstChild));
+        first = takenFirst.get();
+    }
+    if (last == NULL) {
+        takenLast = NodeRef(nodeAt(m_lastChild));
+        last = takenLast.get();
+    }
 
     if (first != NULL && last != NULL) {
         if (first == last) {
@@ -288,68 +306,65 @@ void HXLVirtualTreeNode::removeChildren(HXLVirtualTreeNode* first, HXLVirtualTre
             m_lastChild = 0;
             m_childCount = 0;
         } else {
-            // Count the range out, holding one node of its inside at a time; the ends are held
-            // by the caller or above. A `last` that never comes ends the count at the list's
-            // end.
-            subtractChildren(1);
+            // Count the range, holding one node of its inside at a time; the ends are held by
+            // the caller or above. A `last` that never comes ends the count at the list's end.
+            unsigned int removed = 1;
             unsigned long long offset = first->m_nextSibling;
             while (offset != 0) {
-                subtractChildren(1);
+                ++removed;
                 if (offset == last->m_pageOffset)
                     break;
-                HXLVirtualTreeNode* inside = nodeAt(offset);
-                if (inside == NULL)
+                const NodeRef inside(nodeAt(offset));
+                if (!inside)
                     break;
                 offset = inside->m_nextSibling;
-                inside->dismiss();
             }
 
-            HXLVirtualTreeNode* before = nodeAt(first->m_previousSibling);
-            HXLVirtualTreeNode* behind = nodeAt(last->m_nextSibling);
-            if (before != NULL && behind != NULL) {
+            NodeRef before(nodeAt(first->m_previousSibling));
+            NodeRef behind(nodeAt(last->m_nextSibling));
+            subtractChildren(removed);
+            if (before && behind) {
                 before->m_nextSibling = last->m_nextSibling;
                 behind->m_previousSibling = first->m_previousSibling;
-            } else if (before != NULL) {
+            } else if (before) {
                 before->m_nextSibling = 0;
                 m_lastChild = before->m_pageOffset;
-            } else if (behind != NULL) {
+            } else if (behind) {
                 behind->m_previousSibling = 0;
                 m_firstChild = behind->m_pageOffset;
             }
-            if (before != NULL)
-                before->dismiss();
-            if (behind != NULL)
-                behind->dismiss();
+            before.reset();
+            behind.reset();
         }
     }
-    if (takenFirst != NULL)
-        takenFirst->dismiss();
-    if (takenLast != NULL)
-        takenLast->dismiss();
+    takenFirst.reset();
+    takenLast.reset();
 }
 
 void HXLVirtualTreeNode::replaceChild(HXLVirtualTreeNode* oldChild, HXLVirtualTreeNode* newChild) {
     HXL_ASSERT(oldChild != NULL);
     HXL_ASSERT(newChild != NULL);
+    const bool wasLast = m_lastChild == oldChild->m_pageOffset;
+    const bool wasFirst = m_firstChild == oldChild->m_pageOffset;
+    NodeRef next;
+    NodeRef previous;
+    if (!wasLast)
+        next = NodeRef(nodeAt(oldChild->m_nextSibling));
+    if (!wasFirst)
+        previous = NodeRef(nodeAt(oldChild->m_previousSibling));
     newChild->m_nextSibling = oldChild->m_nextSibling;
     newChild->m_previousSibling = oldChild->m_previousSibling;
     newChild->copyParentLink(oldChild);
-    if (m_lastChild == oldChild->m_pageOffset) {
+    if (wasLast) {
         m_lastChild = newChild->m_pageOffset;
-    } else {
-        HXLVirtualTreeNode* next = nodeAt(oldChild->m_nextSibling);
-        if (next != NULL) {
-            next->m_previousSibling = newChild->m_pageOffset;
-            next->dismiss();
-        }
+    } else if (next) {
+        next->m_previousSibling = newChild->m_pageOffset;
+        next.reset();
     }
-    if (m_firstChild == oldChild->m_pageOffset) {
+    if (wasFirst) {
         m_firstChild = newChild->m_pageOffset;
-    } else {
-        HXLVirtualTreeNode* previous = nodeAt(oldChild->m_previousSibling);
-        if (previous != NULL) {
-            previous->m_nextSibling = newChild->m_pageOffset;
-            previous->dismiss();
-        }
+    } else if (previous) {
+        previous->m_nextSibling = newChild->m_pageOffset;
+        previous.reset();
     }
 }

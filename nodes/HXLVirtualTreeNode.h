@@ -3,6 +3,8 @@
 
 #include "HXLVirtualPersistNode.h"
 
+#include <vector>
+
 // A stored node with the links of an ordered tree. Stored image, 72 bytes, little-endian:
 //   0  the 24 bytes of HXLVirtualPersistNode
 //  24  m_parent           parent's store offset, or the root's process address (see below)
@@ -33,7 +35,11 @@
 //
 // Exceptions: the editing operations throw HXLAssertError for a null node, before anything
 // changes; getNextSibling(1), getPreviousSibling(1) and dismiss() throw HXLAssertError on a
-// node without a container or manager. Navigation gives null for a node it cannot map.
+// node without a container or manager. Navigation and editing throw HXLOutOfMemoryError when
+// the store cannot bring back a node that a link names (a failed or damaged page-in, no room):
+// navigation then takes no reference (getNextSibling(1) keeps this node's), and an editing
+// operation has changed nothing, since it maps every node it changes before it writes a link.
+// Null from navigation always means that there is no such relative.
 class HXLVirtualTreeNode : public HXLVirtualPersistNode {
 public:
     // All links and the count word 0: a node in no tree.
@@ -125,6 +131,18 @@ private:
             dismiss();
         return next;
     }
+    // A link field, and a node's parent link as it stood before an edit.
+    typedef unsigned long long HXLVirtualTreeNode::*Link;
+    struct ParentLink {
+        unsigned long long m_parent;
+        unsigned int m_parentIsPointer;
+    };
+    // insertAfter and insertBefore: `toward` is the link on the side where `sibling` goes,
+    // `back` the other one, `parentEnd` the parent's end of the list on that side.
+    void insertBeside(HXLVirtualTreeNode* sibling, Link toward, Link back, Link parentEnd);
+    // Puts back the parent links of the chain from `child` on, one per entry, after a failed
+    // appendChildren.
+    static void restoreParentLinks(HXLVirtualTreeNode* child, const std::vector<ParentLink>& links);
     void linkToParent(HXLVirtualTreeNode* parent);
     void copyParentLink(const HXLVirtualTreeNode* from);
     HXLVirtualTreeNode* findParent();

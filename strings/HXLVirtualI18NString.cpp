@@ -2,21 +2,25 @@
 
 #include "HXLVirtualStringPayload.h"
 
-#include <cstring>
-
 using hxl_string_detail::equalPayloads;
 using hxl_string_detail::managerOf;
 using hxl_string_detail::MappedPayload;
 using hxl_string_detail::payloadEquals;
 using hxl_string_detail::readablePayload;
+using hxl_string_detail::storePayload;
+
+namespace {
+// The function name of the back-trace frames of this class.
+const char kLocation[] = "HXLVirtualI18NString";
+} // namespace
 
 I18NString HXLVirtualI18NString::getString(HXLVirtualMemoryMgr* memMgr) {
     if (!readablePayload(memMgr, *this))
         return I18NString();
-    MappedPayload payload(memMgr, *this);
-    if (payload.address() == NULL)
-        return I18NString();
-    return I18NString(payload.address(), static_cast<int>(m_size), NULL, NULL);
+    const MappedPayload payload(memMgr, *this, kLocation);
+    if (!payload)
+        return I18NString(); // kInvalidOffset: no payload
+    return I18NString(payload.get(), static_cast<int>(m_size), NULL, NULL);
 }
 
 I18NString HXLVirtualI18NString::getString(HXLVirtualContainer* container) {
@@ -26,15 +30,8 @@ I18NString HXLVirtualI18NString::getString(HXLVirtualContainer* container) {
 void HXLVirtualI18NString::setString(const I18NString& value, HXLVirtualMemoryMgr* memMgr) {
     if (memMgr == NULL || value.empty())
         return;
-    void* block = NULL;
-    HXL_TRY {
-        block = memMgr->alloc(static_cast<unsigned int>(value.size()), *this);
-        if (block == NULL)
-            HXL_THROW(HXLOutOfMemoryError(0, NULL), "HXLVirtualI18NString");
-    }
-    HXL_TRANSLATE("HXLVirtualI18NString");
-    std::memcpy(block, value.getExternalBuffer(), m_size);
-    memMgr->dismiss(*this);
+    storePayload(memMgr, *this, value.getExternalBuffer(), static_cast<unsigned int>(value.size()),
+                 kLocation);
 }
 
 void HXLVirtualI18NString::setString(const I18NString& value, HXLVirtualContainer* container) {
@@ -42,22 +39,22 @@ void HXLVirtualI18NString::setString(const I18NString& value, HXLVirtualContaine
 }
 
 int HXLVirtualI18NString::isEqual(HXLVirtualI18NString& other, HXLVirtualMemoryMgr* memMgr) {
-    return equalPayloads(memMgr, *this, other);
+    return equalPayloads(memMgr, *this, other, kLocation);
 }
 
 int HXLVirtualI18NString::isEqual(HXLVirtualI18NString& other, HXLVirtualContainer* container) {
-    return equalPayloads(managerOf(container), *this, other);
+    return equalPayloads(managerOf(container), *this, other, kLocation);
 }
 
 int HXLVirtualI18NString::isEqual(const HXLVirtualI18NString& other,
                                   HXLVirtualMemoryMgr* memMgr) const {
-    return equalPayloads(memMgr, *this, other);
+    return equalPayloads(memMgr, *this, other, kLocation);
 }
 
 int HXLVirtualI18NString::isEqual(const I18NString& value, HXLVirtualMemoryMgr* memMgr) {
     if (memMgr == NULL || static_cast<long long>(m_size) != value.size())
         return 0;
-    return payloadEquals(memMgr, *this, value.getExternalBuffer());
+    return payloadEquals(memMgr, *this, value.getExternalBuffer(), kLocation);
 }
 
 int HXLVirtualI18NString::isEqual(const I18NString& value, HXLVirtualContainer* container) {

@@ -3,9 +3,12 @@
 
 // Internal to the two string handles: the steps on a payload that do not depend on its form.
 // Not part of the interface.
+#include "HXLCore.h"
+#include "HXLTranslated.h"
 #include "HXLVirtualContainer.h"
 #include "HXLVirtualMemoryMgr.h"
 #include "HXLVirtualPageItem.h"
+#include "HXLVirtualReference.h"
 
 #include <climits>
 #include <cstring>
@@ -25,56 +28,59 @@ inline bool readablePayload(HXLVirtualMemoryMgr* memMgr, const HXLVirtualPageIte
            item.getSize() <= static_cast<unsigned int>(INT_MAX);
 }
 
-// One mapping of a payload, given back when the scope ends, also by an exception. The address
-// is null (and nothing is owed) for an empty or invalid item or a block the store cannot map.
-class MappedPayload {
+// The address of a payload with one reference taken, null (none taken) for an item that names
+// nothing: empty or kInvalidOffset. A live payload that the store cannot map throws
+// HXLOutOfMemoryError with `location` as the frame's function: it never reads as no payload.
+inline void* mapPayload(HXLVirtualMemoryMgr* memMgr, const HXLVirtualPageItem& item,
+                        const char* location) {
+    const unsigned long long offset = item.getOffset();
+    if (offset == 0 || offset == HXLVirtualPageItem::kInvalidOffset)
+        return NULL;
+    return hxl_translated::required(memMgr->getAddress(offset, 1), location);
+}
+
+// One mapping of a payload, given back when the scope ends, also by an exception; see
+// mapPayload.
+class MappedPayload : public HXLVirtualReference<const char> {
 public:
-    MappedPayload(HXLVirtualMemoryMgr* memMgr, const HXLVirtualPageItem& item)
-        : m_memMgr(memMgr), m_offset(item.getOffset()), m_address(memMgr->getAddress(m_offset, 1)) {
-    }
-    ~MappedPayload() { release(); }
-    MappedPayload(const MappedPayload&) = delete;
-    MappedPayload& operator=(const MappedPayload&) = delete;
-
-    const void* address() const { return m_address; }
-    void release() {
-        if (m_address != NULL)
-            m_memMgr->dismiss(m_offset);
-        m_address = NULL;
-    }
-
-private:
-    HXLVirtualMemoryMgr* m_memMgr;
-    unsigned long long m_offset;
-    const void* m_address;
+    MappedPayload(HXLVirtualMemoryMgr* memMgr, const HXLVirtualPageItem& item, const char* location)
+        : HXLVirtualReference<const char>(
+              memMgr, item.getOffset(),
+              static_cast<const char*>(mapPayload(memMgr, item, location))) {}
 };
+
+// The store step of setString: `size` bytes at `bytes` into the payload of `item`, by the
+// manager's alloc under the translation guard (`location` names the frame).
+inline void storePayload(HXLVirtualMemoryMgr* memMgr, HXLVirtualPageItem& item, const void* bytes,
+                         unsigned int size, const char* location) {
+    void* block = hxl_translated::run(location, [&] { return memMgr->alloc(size, item); });
+    HXLVirtualReference<char> payload(
+        memMgr, item.getOffset(), static_cast<char*>(hxl_translated::required(block, location)));
+    std::memcpy(payload.get(), bytes, item.getSize());
+}
 
 // 1 when two payloads of one store have the same size and bytes, else 0. Maps nothing when
 // the sizes differ; otherwise maps `mine`, then `theirs`, and gives them back in that order.
 // Two empty items have no address and compare as 0; so does anything with a null store.
 inline int equalPayloads(HXLVirtualMemoryMgr* memMgr, const HXLVirtualPageItem& mine,
-                         const HXLVirtualPageItem& theirs) {
+                         const HXLVirtualPageItem& theirs, const char* location) {
     if (memMgr == NULL || mine.getSize() != theirs.getSize())
         return 0;
-    MappedPayload first(memMgr, mine);
-    MappedPayload second(memMgr, theirs);
-    const int equal = first.address() != NULL && second.address() != NULL &&
-                              std::memcmp(first.address(), second.address(), mine.getSize()) == 0
-                          ? 1
-                          : 0;
-    first.release();
-    second.release();
+    MappedPayload first(memMgr, mine, location);
+    MappedPayload second(memMgr, theirs, location);
+    const int equal =
+        first && second && std::memcmp(first.get(), second.get(), mine.getSize()) == 0 ? 1 : 0;
+    first.reset();
+    second.reset();
     return equal;
 }
 
 // 1 when the payload of `item` equals the item's size's worth of `bytes`, else 0: the caller
 // has compared the sizes. Maps the payload once and gives it back.
 inline int payloadEquals(HXLVirtualMemoryMgr* memMgr, const HXLVirtualPageItem& item,
-                         const void* bytes) {
-    MappedPayload payload(memMgr, item);
-    return payload.address() != NULL && std::memcmp(payload.address(), bytes, item.getSize()) == 0
-               ? 1
-               : 0;
+                         const void* bytes, const char* location) {
+    const MappedPayload payload(memMgr, item, location);
+    return payload && std::memcmp(payload.get(), bytes, item.getSize()) == 0 ? 1 : 0;
 }
 
 } // namespace hxl_string_detail

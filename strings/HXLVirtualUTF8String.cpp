@@ -2,18 +2,22 @@
 
 #include "HXLVirtualStringPayload.h"
 
-#include <cstring>
-
 using hxl_string_detail::equalPayloads;
 using hxl_string_detail::managerOf;
 using hxl_string_detail::MappedPayload;
 using hxl_string_detail::payloadEquals;
 using hxl_string_detail::readablePayload;
+using hxl_string_detail::storePayload;
+
+namespace {
+// The function name of the back-trace frames of this class.
+const char kLocation[] = "HXLVirtualUTF8String";
+} // namespace
 
 void* HXLVirtualUTF8String::getObjectPtr(HXLVirtualMemoryMgr* memMgr) {
     if (memMgr == NULL)
         return NULL;
-    return memMgr->getAddress(*this, 1);
+    return hxl_string_detail::mapPayload(memMgr, *this, kLocation);
 }
 
 void* HXLVirtualUTF8String::getObjectPtr(HXLVirtualContainer* container) {
@@ -23,11 +27,10 @@ void* HXLVirtualUTF8String::getObjectPtr(HXLVirtualContainer* container) {
 I18NString HXLVirtualUTF8String::getString(HXLVirtualMemoryMgr* memMgr) {
     if (!readablePayload(memMgr, *this))
         return I18NString();
-    MappedPayload payload(memMgr, *this);
-    if (payload.address() == NULL)
-        return I18NString();
-    return I18NString(static_cast<const char*>(payload.address()), NULL, static_cast<int>(m_size),
-                      NULL, NULL);
+    const MappedPayload payload(memMgr, *this, kLocation);
+    if (!payload)
+        return I18NString(); // kInvalidOffset: no payload
+    return I18NString(payload.get(), NULL, static_cast<int>(m_size), NULL, NULL);
 }
 
 I18NString HXLVirtualUTF8String::getString(HXLVirtualContainer* container) {
@@ -42,15 +45,7 @@ void HXLVirtualUTF8String::setString(const I18NString& value, HXLVirtualMemoryMg
     length -= 1; // c_str counts the closing NUL, which is not stored
     if (bytes == NULL || length <= 0)
         return;
-    void* block = NULL;
-    HXL_TRY {
-        block = memMgr->alloc(static_cast<unsigned int>(length), *this);
-        if (block == NULL)
-            HXL_THROW(HXLOutOfMemoryError(0, NULL), "HXLVirtualUTF8String");
-    }
-    HXL_TRANSLATE("HXLVirtualUTF8String");
-    std::memcpy(block, bytes, m_size);
-    memMgr->dismiss(*this);
+    storePayload(memMgr, *this, bytes, static_cast<unsigned int>(length), kLocation);
 }
 
 void HXLVirtualUTF8String::setString(const I18NString& value, HXLVirtualContainer* container) {
@@ -80,7 +75,7 @@ void HXLVirtualUTF8String::getI18NBuffer(HXLI18NBuffer& buffer, HXLVirtualContai
 
 int HXLVirtualUTF8String::isEqual(const HXLVirtualUTF8String& other,
                                   HXLVirtualMemoryMgr* memMgr) const {
-    return equalPayloads(memMgr, *this, other);
+    return equalPayloads(memMgr, *this, other, kLocation);
 }
 
 int HXLVirtualUTF8String::isEqual(const HXLVirtualUTF8String& other,
@@ -98,7 +93,7 @@ int HXLVirtualUTF8String::isEqual(const I18NString& value, HXLVirtualMemoryMgr* 
     length -= 1;
     if (length < 0 || static_cast<unsigned int>(length) != m_size)
         return 0;
-    return payloadEquals(memMgr, *this, bytes);
+    return payloadEquals(memMgr, *this, bytes, kLocation);
 }
 
 int HXLVirtualUTF8String::isEqual(const I18NString& value, HXLVirtualContainer* container) const {

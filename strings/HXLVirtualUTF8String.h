@@ -25,7 +25,9 @@ class HXLVirtualMemoryMgr;
 // it may leave memory.
 //
 // Exceptions: setString throws HXLOutOfMemoryError (with a back-trace frame) when the store
-// cannot allocate; the others throw nothing from the store.
+// cannot allocate. Every operation that reads a payload throws HXLOutOfMemoryError when the
+// store cannot bring it back (a failed or damaged page-in, no room), having taken no reference:
+// a live payload never reads as empty or unequal.
 class HXLVirtualUTF8String : public HXLVirtualPageItem {
 public:
     // Empty: no payload.

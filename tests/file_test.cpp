@@ -1,6 +1,6 @@
-// The paged file: a model of its bytes, position, length and mapping, checked against the store's
-// reference count after every step; misuse and a store that fails; and the compressed write
-// path, whose stored bytes must be gzip that inflates to what was written.
+// The paged file: a store that fails, and the compressed write path, whose stored bytes must be
+// gzip that inflates to what was written. The model of bytes, position, length and mapping is
+// the file fuzz target's (fuzz/file_fuzz.cpp).
 #include "HXLCore.h"
 #include "HXLVirtualFile.h"
 #include "HXLVirtualMemoryMgr.h"
@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -82,86 +81,7 @@ std::string readAll(HXLVirtualFile& file) {
     return out;
 }
 
-void runModel(unsigned int openedWith, unsigned int seed) {
-    SCOPED_TRACE(testing::Message() << "page size " << openedWith << ", seed " << seed);
-    const unsigned int pageSize = openedWith != 0 ? openedWith : 8192;
-    HXLVirtualMemoryMgr store(64 * 1024, 0, 64); // a budget far below the file's size
-    std::mt19937 rng(seed);
-    const unsigned int limit = 400 * 1024;
-    // Bytes never written hold what a fresh block held: unknown until a read shows them.
-    std::vector<char> bytes(limit), buffer;
-    std::vector<bool> known(limit);
-    unsigned int pos = 0, len = 0;
-    bool mapped = false;
-    {
-        HXLVirtualFile file;
-        file.open(&store, 0, openedWith, false);
-        for (int step = 0; step < 3000; ++step) {
-            const unsigned int op = rng() % 20, n = rng() % (3 * pageSize);
-            if (op < 13) { // write (below 7) or read
-                const bool reading = op >= 7;
-                const unsigned int moved = std::min(n, (reading ? len : limit) - pos);
-                buffer.resize(moved);
-                for (char& c : buffer)
-                    c = reading ? 0 : static_cast<char>(rng());
-                ASSERT_EQ(reading ? file.read(buffer.data(), n) : file.write(buffer.data(), moved),
-                          static_cast<int>(moved));
-                for (unsigned int at = pos; at < pos + moved; ++at) {
-                    ASSERT_FALSE(reading && known[at] && buffer[at - pos] != bytes[at]) << at;
-                    bytes[at] = buffer[at - pos];
-                    known[at] = true;
-                }
-                pos += moved;
-                if (moved > 0) // a transfer keeps its last page mapped unless it ended there
-                    mapped = pos % pageSize != 0;
-            } else if (op < 18) { // seek by every origin (7 counts from the start), past the end
-                const unsigned int target =
-                    std::min<unsigned int>(rng() % (len + 2 * pageSize + 1), limit);
-                const int origin = static_cast<int>(rng() % 4);
-                const unsigned int from = origin == 1 ? pos : origin == 2 ? len : 0;
-                ASSERT_EQ(file.seek(static_cast<int>(target - from),
-                                    static_cast<HXLFmFile::seekorigin>(origin == 3 ? 7 : origin)),
-                          static_cast<int>(target));
-                mapped = mapped && pos / pageSize == target / pageSize;
-                pos = target;
-            } else if (op == 18) {
-                ASSERT_EQ(file.close(), 1);
-                mapped = false;
-            } else {
-                const bool disposePages = rng() % 2 == 0; // new blocks from here on
-                file.reset(disposePages);
-                pos = len = 0;
-                mapped = false;
-                if (disposePages)
-                    known.assign(limit, false);
-            }
-            len = std::max(len, pos);
-            ASSERT_EQ(file.getLength(), static_cast<int>(len)) << "step " << step;
-            ASSERT_EQ(file.seek(0, HXLFmFile::eSeekCurrent), static_cast<int>(pos));
-            ASSERT_EQ(outstandingReferences(store), mapped ? 1 : 0) << "step " << step;
-        }
-        // Far seeks wrap at 32 bits; positions from 0x80000000 on come back negative.
-        ASSERT_EQ(file.seek(INT_MIN, HXLFmFile::eSeekCurrent), static_cast<int>(pos + 0x80000000u));
-        ASSERT_EQ(file.getLength(), static_cast<int>(pos + 0x80000000u));
-        ASSERT_EQ(file.seek(INT_MIN, HXLFmFile::eSeekCurrent), static_cast<int>(pos));
-        // At the end of the range a write stops short of 0xFFFFFFFF instead of wrapping onto
-        // byte 0, then is refused, as is a count of 2 GiB; the page it leaves mapped goes back
-        // with a seek away from 0xFFFFFFFF (checked below).
-        ASSERT_EQ(file.seek(-5, HXLFmFile::eSeekBegin), -5);
-        ASSERT_EQ(file.write("0123456789", 10), 3);
-        ASSERT_EQ(file.write("x", 1) + file.read(buffer.data(), 0x80000000u), -2);
-        ASSERT_EQ(file.seek(-1, HXLFmFile::eSeekBegin) + file.seek(0, HXLFmFile::eSeekBegin), -1);
-    }
-    EXPECT_EQ(outstandingReferences(store), 0) << "the destructor gives the mapping back";
-}
-
 } // namespace
-
-TEST(HXLVirtualFileModel, RandomOperationsAgreeWithTheModel) {
-    for (unsigned int pageSize : {0u, 777u, 1000u, 4097u, 12289u}) // 0: the default, 8192
-        for (unsigned int seed : {1u, 2u})
-            runModel(pageSize, seed);
-}
 
 // A file size limit makes the page file's writes fail (EFBIG, with SIGXFSZ ignored) as on a full
 // disk: a page that can be neither made nor brought back raises HXLOutOfMemoryError, and what

@@ -1,7 +1,9 @@
 #include "HXLVirtualPageItemPool.h"
 
 #include "HXLCore.h"
+#include "HXLTranslated.h"
 #include "HXLVirtualMemoryMgr.h"
+#include "HXLVirtualReference.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -42,26 +44,17 @@ void HXLVirtualPageItemPool::set(const void* data, unsigned int size, HXLVirtual
         return;
     }
 
-    void* address = nullptr;
-    HXL_TRY {
-        address = m_memoryMgr->alloc(size, item);
-        if (address == nullptr)
-            HXL_THROW(HXLOutOfMemoryError(0, NULL));
+    char* const block = static_cast<char*>(hxl_translated::required(
+        hxl_translated::run(nullptr, [&] { return m_memoryMgr->alloc(size, item); }), nullptr));
+    {
+        // The reference alloc took goes back at once: a pooled object is held by nobody.
+        const HXLVirtualReference<char> held(m_memoryMgr, item.getOffset(), block);
+        std::memcpy(block, data, size);
     }
-    HXL_TRANSLATE(NULL);
-    std::memcpy(address, data, size);
 
-    void* copy = nullptr;
-    HXL_TRY {
-        copy = std::malloc(size);
-        if (copy == nullptr)
-            HXL_THROW(HXLOutOfMemoryError(0, NULL));
-    }
-    HXL_TRANSLATE(NULL);
+    void* copy = hxl_translated::required(
+        hxl_translated::run(nullptr, [&] { return std::malloc(size); }), nullptr);
     std::memcpy(copy, data, size);
-
-    // The reference alloc took goes back at once: a pooled object is held by nobody.
-    m_memoryMgr->dismiss(item);
 
     const PoolEntry stored = {copy, size};
     try {

@@ -1,0 +1,150 @@
+// libFuzzer target for the paged file, on a store whose budget is a fraction of the file. The
+// input chooses the page size and whether the file compresses, then is a program of transfers,
+// seeks, closes and resets. Plain: every byte read back must be the one written last at that
+// place (a gap left by a seek reads as whatever it holds, until written), position and length
+// follow the model, and the file holds one reference exactly while a transfer has stopped inside
+// a page. Compressed: what the pages hold must inflate with zlib to the bytes written since the
+// last reset. No reference may outlive the file.
+//
+//   cmake --build build/fuzz --target file_fuzz && build/fuzz/fuzz/file_fuzz -max_total_time=600
+#include "HXLVirtualFile.h"
+#include "fuzz_util.h"
+
+#include <zlib.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+namespace {
+
+const unsigned kLimit = 300 * 1024; // bytes a plain file may reach
+const size_t kCompressedLimit = 1 << 20;
+
+// `count` bytes that deflate well (even seed) or not at all (odd seed).
+std::string sample(unsigned count, unsigned seed) {
+    std::string out(count, '\0');
+    unsigned state = seed * 2654435761u + 1;
+    for (unsigned i = 0; i < count; ++i) {
+        state = state * 1103515245u + 12345u;
+        out[i] = static_cast<char>(seed % 2 != 0 ? state >> 16 : 'a' + (i / 7 + seed) % 4);
+    }
+    return out;
+}
+
+// The gzip members of `gz` inflated one behind the other.
+std::string gunzip(const std::string& gz) {
+    std::string out;
+    if (gz.empty())
+        return out;
+    z_stream zs{};
+    int rc = inflateInit2(&zs, 15 + 16);
+    zs.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(gz.data()));
+    zs.avail_in = static_cast<uInt>(gz.size());
+    char buffer[16384];
+    while (rc == Z_OK || (rc == Z_STREAM_END && zs.avail_in > 0 && inflateReset(&zs) == Z_OK)) {
+        zs.next_out = reinterpret_cast<Bytef*>(buffer);
+        zs.avail_out = sizeof buffer;
+        rc = inflate(&zs, Z_NO_FLUSH);
+        out.append(buffer, sizeof buffer - zs.avail_out);
+    }
+    inflateEnd(&zs);
+    check(rc == Z_STREAM_END, "the stored bytes are no whole gzip stream");
+    return out;
+}
+
+void runPlain(FuzzInput& in, HXLVirtualMemoryMgr& store, unsigned openedWith) {
+    const unsigned pageSize = openedWith != 0 ? openedWith : 8192;
+    HXLVirtualFile file;
+    file.open(&store, 0, openedWith, false);
+    std::vector<char> bytes(kLimit), buffer;
+    std::vector<bool> known(kLimit);
+    unsigned pos = 0, len = 0;
+    bool mapped = false;
+    while (in.more()) {
+        const unsigned op = in.byte() % 8, n = in.below(3 * pageSize);
+        if (op < 5) { // write (below 3) or read
+            const bool reading = op >= 3;
+            const unsigned moved = std::min(n, (reading ? len : kLimit) - pos);
+            const std::string data = sample(reading ? n : moved, in.byte());
+            buffer.assign(data.begin(), data.end());
+            const int got = reading ? file.read(buffer.data(), n) : file.write(data.data(), moved);
+            check(got == static_cast<int>(moved), "a transfer moved another count");
+            for (unsigned at = pos; at < pos + moved; ++at) {
+                check(!(reading && known[at] && buffer[at - pos] != bytes[at]), "a byte changed");
+                bytes[at] = buffer[at - pos];
+                known[at] = true;
+            }
+            pos += moved;
+            if (moved > 0)
+                mapped = pos % pageSize != 0;
+        } else if (op == 5) { // seek by every origin, past the end too
+            const unsigned target = in.below(std::min(len + 2 * pageSize, kLimit) + 1);
+            const int origin = static_cast<int>(in.byte() % 3);
+            const unsigned from = origin == 1 ? pos : origin == 2 ? len : 0;
+            check(file.seek(static_cast<int>(target - from),
+                            static_cast<HXLFmFile::seekorigin>(origin)) == static_cast<int>(target),
+                  "seek");
+            mapped = mapped && pos / pageSize == target / pageSize;
+            pos = target;
+        } else if (op == 6) {
+            check(file.close() == 1, "close");
+            mapped = false;
+        } else {
+            const bool disposePages = in.byte() % 2 == 0;
+            file.reset(disposePages);
+            pos = len = 0;
+            mapped = false;
+            if (disposePages)
+                known.assign(kLimit, false);
+        }
+        len = std::max(len, pos);
+        check(file.getLength() == static_cast<int>(len), "length");
+        check(file.seek(0, HXLFmFile::eSeekCurrent) == static_cast<int>(pos), "position");
+        check(heldReferences(store) == (mapped ? 1u : 0u), "the mapping of the file");
+    }
+}
+
+void runCompressed(FuzzInput& in, HXLVirtualMemoryMgr& store, unsigned openedWith) {
+    HXLVirtualFile file;
+    file.open(&store, 0, openedWith, true);
+    std::string written; // since the last reset
+    while (in.more() && written.size() < kCompressedLimit) {
+        const unsigned op = in.byte() % 6;
+        if (op < 4) {
+            const std::string data = sample(in.below(op == 0 ? 70000 : 3000), in.byte());
+            check(file.write(data.data(), static_cast<unsigned>(data.size())) ==
+                      static_cast<int>(data.size()),
+                  "a compressed write returns its count");
+            written += data;
+        } else if (op == 4) {
+            check(file.close() == 1, "close");
+        } else {
+            file.reset(in.byte() % 2 == 0);
+            check(file.getLength() == 0, "reset");
+            written.clear();
+        }
+        check(heldReferences(store) <= 1, "more than one page mapped");
+    }
+    file.close();
+    std::string stored(static_cast<size_t>(file.getLength()), '\0');
+    file.seek(0, HXLFmFile::eSeekBegin);
+    check(file.read(&stored[0], static_cast<unsigned>(stored.size())) == file.getLength(),
+          "read back");
+    check(gunzip(stored) == written, "the members inflate to other bytes");
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    FuzzInput in(data, size);
+    const unsigned flags = in.byte();
+    const unsigned pageSizes[] = {0, 777, 1000, 4096, 12289}; // 0: the default, 8192
+    HXLVirtualMemoryMgr store(64 * 1024, 0, 64);
+    if (flags & 8)
+        runCompressed(in, store, pageSizes[flags % 5]);
+    else
+        runPlain(in, store, pageSizes[flags % 5]);
+    check(heldReferences(store) == 0, "a reference outlives the file");
+    return 0;
+}
