@@ -359,6 +359,7 @@ void storeBenchmark(benchmark::State& state, unsigned int budget) {
     check(storeQuery(tree, query), query); // untimed: the first walk after the build
     for (auto _ : state)
         check(storeQuery(tree, query), query);
+    tree.getMemoryMgr()->throwExceptionOnReferenceLeak(); // every mapping was dismissed
 }
 
 // How many times the baseline's median time `subject` takes, per query and for the four
@@ -386,6 +387,7 @@ void printSlowdown(const MedianReporter& reporter, const std::string& subject, d
 } // namespace
 
 int main(int argc, char** argv) {
+    HXLVirtualMemoryMgr::setExceptionOnReferenceLeak(1);
     benchmark::internal::Benchmark* const runs[] = {
         benchmark::RegisterBenchmark("BM_HeapQuery", heapBenchmark),
         benchmark::RegisterBenchmark("BM_StoreQuery", storeBenchmark, kPagedBudget),
