@@ -7,7 +7,9 @@
 // answer against the baseline's. Only the queries are timed: both indexes are built before.
 // The store runs (a) with a 16 MiB budget, a small part of the index, so every query pages the
 // index through memory, and (b) with a budget that holds everything, the resident path alone.
-// Each benchmark is repeated; the ratios printed at the end compare medians.
+// Each benchmark is repeated; the ratios printed at the end compare medians. The heap queries
+// are bound by memory bandwidth and move with the machine's load: on a shared machine run with
+// --benchmark_enable_random_interleaving=true, so that both sides see the same conditions.
 #include "BenchRatio.h"
 #include "HXLVirtualNodeClass.h"
 #include "HXLVirtualTree.h"
