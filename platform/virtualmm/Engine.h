@@ -69,10 +69,11 @@
 //      oldest first, until one of them is used a second time: a scan through data larger than
 //      the budget cycles through its own few spans and leaves the rest of memory alone.
 //  13. In a full store (within two batches' worth of its budget: the sweep leaves it one batch
-//      below) the first release of a span that came in takes its fingerprint while its bytes
-//      are still in cache: an unchanged span's copy is exact again; a changed or new one keeps
-//      the print (state kPrinted) until it is mapped for writing again, so the sweep writes it
-//      without reading its bytes twice.
+//      below) the first release of a new span takes its fingerprint while its bytes are still
+//      in cache, and keeps it (state kPrinted) until the span is mapped for writing again, so
+//      the sweep writes it without reading its bytes twice. A span read back is printed only
+//      where rule 4 needs it, at its eviction after a write mapping: it costs at most two
+//      prints per stay in memory, the check at page-in and that one.
 //  14. A span is resident exactly when it has memory and a hot block; then every fast map
 //      entry of its pages names that block with bias memory - first page * 8192, and every
 //      other fast map entry is null. The hot block's copy of the span's geometry equals the
@@ -212,6 +213,8 @@ struct Span {
     }
 };
 static_assert(sizeof(Span) == 88, "a span record is 88 bytes and its bitmap");
+static_assert(kCountZero == 1 && kFreeSlot == 0 && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__,
+              "slot bytes are spread from the live bitmap, eight to a word");
 
 struct SizeClass {
     unsigned elementSize;
@@ -519,6 +522,7 @@ private:
     // Its budget is the resident budget; residentBytes is the sum of the sizes of resident
     // spans.
     FastTable m_table{};
+    unsigned long long m_spreadBits[256] = {}; // a byte of the live bitmap as eight slot bytes
     std::vector<FastPage> m_fastPages;
     std::vector<Span*> m_pageMap; // span record of every page of a live span
     std::vector<SizeClass> m_classes;

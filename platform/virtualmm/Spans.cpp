@@ -25,6 +25,9 @@ namespace {
 
 VirtualMemoryPool::Engine::Engine(unsigned long long budget, const char* path) : m_file(path) {
     m_table.budget = budget == 0 ? kPageSize : budget;
+    for (unsigned bits = 0; bits < 256; ++bits) // bit i of a byte -> byte i (little-endian)
+        for (unsigned bit = 0; bit < 8; ++bit)
+            m_spreadBits[bits] |= static_cast<unsigned long long>((bits >> bit) & 1) << (8 * bit);
     m_table.layout = FastTable::kFastLayout;
     // Classes: 16-byte steps to 128, then four classes per doubling up to 8 KiB. Each class
     // takes the shortest span (1 to 8 pages) that wastes at most an eighth of itself: short
@@ -110,10 +113,16 @@ void VirtualMemoryPool::Engine::becomeResident(Span* span, char* memory, FastSpa
     hot->divisor = divisorOf(span);
     hot->pageCount = span->pageCount;
     hot->owner = span;
-    hot->flags = kFastFresh;
+    hot->flags = state == kNoCopy ? kFastFresh : 0; // rule 13: a new span's first release
+    // The slot bytes from the live bitmap, eight at a time: 1 (count 0) for a live slot, 0 for
+    // a free one. Bits past the last slot are 0, and the block is rounded up to 64 bytes, so
+    // whole groups of eight fit.
+    const unsigned char* live = reinterpret_cast<const unsigned char*>(span->live());
     unsigned char* counts = hot->counts();
-    for (unsigned slot = 0; slot < slotCount(span); ++slot)
-        counts[slot] = span->isLive(slot) ? kCountZero : kFreeSlot;
+    for (unsigned group = 0; group < (slotCount(span) + 7) / 8; ++group) {
+        const unsigned long long bytes = m_spreadBits[live[group]];
+        std::memcpy(counts + 8 * group, &bytes, 8);
+    }
     span->memory = memory;
     span->hot = hot;
     setState(span, state);
