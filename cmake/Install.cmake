@@ -14,7 +14,6 @@ set(HXL_PUBLIC_HEADERS
     contracts/HXLCore.h
     contracts/VirtualMemoryPool.h
     contracts/ZOJStreams.h
-    vmm/HXLVirtualMemMgmtVersion.h
     vmm/HXLVirtualMemoryMgr.h
     vmm/HXLVirtualPageItem.h
     vmm/HXLVirtualPageItemPool.h
@@ -29,6 +28,9 @@ set(HXL_PUBLIC_HEADERS
     heap/HXLFixedMemoryPool.h
     heap/HXLMemoryArena.h
     heap/HXLMemoryPool.h)
+# Public headers that CMake generates in the build tree: the export macro (cmake/HXLExport.h.in)
+# and the version (vmm/HXLVirtualMemMgmtVersion.h.in).
+set(HXL_GENERATED_HEADERS HXLExport.h HXLVirtualMemMgmtVersion.h)
 # Headers that only the library's own sources include. Their first comment says "Not part of
 # the interface", which the install test looks for.
 set(HXL_INTERNAL_HEADERS strings/HXLVirtualStringPayload.h)
@@ -45,6 +47,9 @@ endforeach()
 
 list(TRANSFORM HXL_PUBLIC_HEADERS PREPEND ${PROJECT_SOURCE_DIR}/
      OUTPUT_VARIABLE HXL_PUBLIC_HEADER_PATHS)
+list(TRANSFORM HXL_GENERATED_HEADERS PREPEND ${HXL_GENERATED_INCLUDE_DIR}/
+     OUTPUT_VARIABLE generated_paths)
+list(APPEND HXL_PUBLIC_HEADER_PATHS ${generated_paths})
 install(FILES ${HXL_PUBLIC_HEADER_PATHS} DESTINATION ${HXL_INSTALL_INCLUDEDIR})
 
 install(EXPORT HXLVirtualMemMgmtTargets NAMESPACE HXLVirtualMemMgmt::
@@ -53,8 +58,14 @@ install(EXPORT HXLVirtualMemMgmtTargets NAMESPACE HXLVirtualMemMgmt::
 configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/HXLVirtualMemMgmtConfig.cmake.in
                               ${PROJECT_BINARY_DIR}/HXLVirtualMemMgmtConfig.cmake
                               INSTALL_DESTINATION ${HXL_CMAKE_DIR})
+# Before 1.0 a minor version may change the interface: 0.2 does not serve a request for 0.1.
+if(PROJECT_VERSION_MAJOR EQUAL 0)
+  set(HXL_VERSION_COMPATIBILITY SameMinorVersion)
+else()
+  set(HXL_VERSION_COMPATIBILITY SameMajorVersion)
+endif()
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/HXLVirtualMemMgmtConfigVersion.cmake
-                                 COMPATIBILITY SameMajorVersion)
+                                 COMPATIBILITY ${HXL_VERSION_COMPATIBILITY})
 install(FILES ${PROJECT_BINARY_DIR}/HXLVirtualMemMgmtConfig.cmake
               ${PROJECT_BINARY_DIR}/HXLVirtualMemMgmtConfigVersion.cmake
         DESTINATION ${HXL_CMAKE_DIR})

@@ -5,6 +5,8 @@
 #ifndef VIRTUALMEMORYPOOL_H
 #define VIRTUALMEMORYPOOL_H
 
+#include "HXLExport.h"
+
 #include <cstddef>
 
 namespace tcmalloc {
@@ -114,7 +116,7 @@ struct VirtualMemoryIo {
 //
 // Exceptions: the constructor throws std::bad_alloc; nothing else throws: running out of memory
 // or page file space, any page file I/O failure and a damaged page file give a null address.
-class VirtualMemoryPool {
+class HXL_EXPORT VirtualMemoryPool {
 public:
     // `size` is the resident budget in bytes (0 is taken as 1 page). `path` is the directory
     // for the page file; it is copied. Throws std::bad_alloc when the engine's tables cannot
@@ -166,7 +168,7 @@ public:
     void Verify() const;
 
 private:
-    class Engine;
+    class HXL_NO_EXPORT Engine;
     Engine* m_engine;
 };
 

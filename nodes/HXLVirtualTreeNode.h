@@ -1,6 +1,7 @@
 #ifndef HXLVIRTUALTREENODE_H
 #define HXLVIRTUALTREENODE_H
 
+#include "HXLExport.h"
 #include "HXLVirtualPersistNode.h"
 
 // A stored node with the links of an ordered tree. Stored image, 72 bytes, little-endian:
@@ -34,7 +35,7 @@
 // Exceptions: the editing operations throw HXLAssertError for a null node, before anything
 // changes; getNextSibling(1), getPreviousSibling(1) and dismiss() throw HXLAssertError on a
 // node without a container or manager. Navigation gives null for a node it cannot map.
-class HXLVirtualTreeNode : public HXLVirtualPersistNode {
+class HXL_EXPORT HXLVirtualTreeNode : public HXLVirtualPersistNode {
 public:
     // All links and the count word 0: a node in no tree.
     HXLVirtualTreeNode();

@@ -2,6 +2,7 @@
 #define HXLVIRTUALI18NSTRING_H
 
 #include "HXLCore.h"
+#include "HXLExport.h"
 #include "HXLVirtualPageItem.h"
 
 class HXLVirtualContainer;
@@ -20,7 +21,7 @@ class HXLVirtualMemoryMgr;
 //
 // Exceptions: setString throws HXLOutOfMemoryError (with a back-trace frame) when the store
 // cannot allocate; the others throw nothing from the store.
-class HXLVirtualI18NString : public HXLVirtualPageItem {
+class HXL_EXPORT HXLVirtualI18NString : public HXLVirtualPageItem {
 public:
     // Empty: no payload.
     HXLVirtualI18NString() {}

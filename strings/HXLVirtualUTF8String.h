@@ -2,6 +2,7 @@
 #define HXLVIRTUALUTF8STRING_H
 
 #include "HXLCore.h"
+#include "HXLExport.h"
 #include "HXLVirtualPageItem.h"
 
 class HXLVirtualContainer;
@@ -26,7 +27,7 @@ class HXLVirtualMemoryMgr;
 //
 // Exceptions: setString throws HXLOutOfMemoryError (with a back-trace frame) when the store
 // cannot allocate; the others throw nothing from the store.
-class HXLVirtualUTF8String : public HXLVirtualPageItem {
+class HXL_EXPORT HXLVirtualUTF8String : public HXLVirtualPageItem {
 public:
     // Empty: no payload.
     HXLVirtualUTF8String() {}

@@ -1,6 +1,7 @@
 #ifndef HXLVIRTUALMEMORYMGR_H
 #define HXLVIRTUALMEMORYMGR_H
 
+#include "HXLExport.h"
 #include "HXLVirtualPageItem.h"
 
 #include <ostream>
@@ -30,7 +31,7 @@ class HXLVirtualMapper;
 // a growing object's old bytes cannot be mapped back); throwExceptionOnReferenceLeak throws
 // HXLIllegalStateError; dumpMapper throws HXLOutOfMemoryError and what the stream throws. The
 // other calls throw nothing: a failure is a null address or no effect.
-class HXLVirtualMemoryMgr {
+class HXL_EXPORT HXLVirtualMemoryMgr {
 public:
     // Accepted and ignored: every store has one mapping mode.
     enum mappertype : int { eMapperDefault = 0, eMapperVirtual = 1 };
