@@ -64,7 +64,7 @@ public:
     HXLVirtualPersistNode* getNode(unsigned long long offset) {
         // The block holds the object's image, virtual table pointer included: mapping it is
         // all that makes it live again. Inline: every step of a walk comes through here.
-        return offset == 0 ? NULL : static_cast<HXLVirtualPersistNode*>(getAddress(offset, 1));
+        return offset == 0 ? nullptr : static_cast<HXLVirtualPersistNode*>(getAddress(offset, 1));
     }
     // The same for the item's offset; its size plays no part.
     HXLVirtualPersistNode* getNode(HXLVirtualPageItem& item);

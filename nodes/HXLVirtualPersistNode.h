@@ -111,8 +111,8 @@ protected:
     template <class T> static HXLVirtualPersistNode* createInStore(HXLVirtualContainer* container) {
         HXLVirtualPageItem item;
         void* block = allocateNodeBlock(container, static_cast<unsigned int>(sizeof(T)), item);
-        if (block == NULL)
-            return NULL;
+        if (block == nullptr)
+            return nullptr;
         return completeNode(new (block) T(), item, container);
     }
 

@@ -124,8 +124,11 @@ private:
     void linkToParent(HXLVirtualTreeNode* parent);
     void copyParentLink(const HXLVirtualTreeNode* from);
     HXLVirtualTreeNode* findParent();
-    void addChildren(unsigned int count) { m_childCount = m_childCount + count; }
-    void subtractChildren(unsigned int count) { m_childCount = m_childCount - count; }
+    // The mask is the truncation to the field's 31 bits, spelt out for -Wconversion.
+    void addChildren(unsigned int count) { m_childCount = (m_childCount + count) & 0x7FFFFFFFu; }
+    void subtractChildren(unsigned int count) {
+        m_childCount = (m_childCount - count) & 0x7FFFFFFFu;
+    }
 
     unsigned long long m_parent;
     unsigned long long m_firstChild;
