@@ -1,4 +1,4 @@
-# Installs the build tree into a scratch prefix and compiles each one alone,
+# Installs the headers (the dev component) into a scratch prefix and compiles each one alone,
 # included twice, as C++17 and as C++20, with every compiler in COMPILERS, under the warnings a
 # careful user turns on. pkg-config hands the folder to users with -I, not -isystem, so a warning
 # in a header is a warning in their build. Arguments: BUILD_DIR, WORK_DIR, COMPILERS
@@ -6,6 +6,7 @@
 cmake_minimum_required(VERSION 3.22)
 file(REMOVE_RECURSE ${WORK_DIR})
 execute_process(COMMAND ${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${WORK_DIR}/prefix
+                        --component dev
                 OUTPUT_QUIET COMMAND_ERROR_IS_FATAL ANY)
 set(include_dir ${WORK_DIR}/prefix/include/HXLVirtualMemMgmt)
 file(GLOB headers RELATIVE ${include_dir} ${include_dir}/*.h)
