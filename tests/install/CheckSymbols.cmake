@@ -5,7 +5,8 @@
 #   - a vtable, type information or a member (function, static datum, local static) of such a
 #     class, written with its namespace: tcmalloc::VirtualMemoryPool::Allocate, but not
 #     tcmalloc::VirtualMemoryPool::Engine::allocate (Engine is only declared there);
-#   - such a function, C++ or extern "C": HXLVirtualMemMgmtVersion.
+#   - such a function, C++ or extern "C": HXLVirtualMemMgmtVersion;
+#   - AddressSanitizer's ODR indicator of an exported global (__odr_asan.<global>).
 # Anything else, such as tcmalloc::PageFile, an instance of a standard template or a function in
 # an anonymous namespace, fails the test. Arguments: NM, LIBRARIES and HEADERS (comma-separated
 # paths).
@@ -105,21 +106,29 @@ function(classify symbol result why)
   set(${result} TRUE PARENT_SCOPE)
 endfunction()
 
-set(failures "")
-foreach(library IN LISTS LIBRARIES)
-  execute_process(COMMAND ${NM} -D --defined-only -C ${library} OUTPUT_VARIABLE listing
+# The listing of a library, in symbol table order: names as they are (raw) or demangled.
+function(list_symbols library flags out)
+  execute_process(COMMAND ${NM} -D --defined-only -p ${flags} ${library} OUTPUT_VARIABLE listing
                   COMMAND_ERROR_IS_FATAL ANY)
   # Brackets ([abi:cxx11], char [260]) would keep CMake from splitting the list.
   string(REGEX REPLACE "[][]" "|" listing "${listing}")
   string(REGEX REPLACE "\n$" "" listing "${listing}")
   string(REPLACE "\n" ";" listing "${listing}")
+  list(TRANSFORM listing REPLACE "^[0-9a-fA-F]* *[A-Za-z] " "")
+  set(${out} "${listing}" PARENT_SCOPE)
+endfunction()
+
+set(failures "")
+foreach(library IN LISTS LIBRARIES)
+  list_symbols(${library} "" raw)
+  list_symbols(${library} -C demangled)
   set(count 0)
-  foreach(line IN LISTS listing)
-    if(NOT line MATCHES "^[0-9a-fA-F]* *[A-Za-z] (.+)$")
+  foreach(name symbol IN ZIP_LISTS raw demangled)
+    math(EXPR count "${count} + 1")
+    # AddressSanitizer's indicator of an exported global stands or falls with the global.
+    if(name MATCHES "^__odr_asan[.](.+)$" AND CMAKE_MATCH_1 IN_LIST raw)
       continue()
     endif()
-    set(symbol "${CMAKE_MATCH_1}")
-    math(EXPR count "${count} + 1")
     classify("${symbol}" public why)
     if(NOT public)
       string(APPEND failures "\n  ${library}: ${symbol} (${why})")
