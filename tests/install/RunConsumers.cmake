@@ -139,10 +139,12 @@ if(SANITIZE)
 endif()
 separate_arguments(flag_list UNIX_COMMAND "${flags}")
 
-# 0. The installed headers are exactly the public ones, and none says it is internal; the test
-#    public_headers compiles them.
+# 0. The installed headers are exactly the public ones, none says it is internal, and together
+#    they compile warning-free against the installed tree alone (the test public_headers
+#    compiles each one alone, with both compilers and standards, from this build's install).
 set(include_dir ${prefix}/include/HXLVirtualMemMgmt)
 file(GLOB installed RELATIVE ${include_dir} ${include_dir}/*)
+set(all_headers "")
 string(REPLACE "," ";" expected "${PUBLIC_HEADERS}")
 list(SORT installed)
 list(SORT expected)
@@ -154,7 +156,11 @@ foreach(header IN LISTS installed)
   if(text MATCHES "Not part of the interface")
     message(FATAL_ERROR "${header} is internal, yet installed")
   endif()
+  string(APPEND all_headers "#include \"${header}\"\n")
 endforeach()
+file(WRITE ${WORK_DIR}/all_headers.cpp "${all_headers}")
+run(${CXX} -std=c++17 -fsyntax-only -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror
+    -I${include_dir} ${WORK_DIR}/all_headers.cpp)
 
 # 1. find_package. The package serves a request for its own major.minor version and, before
 #    1.0, none for the next minor one.
@@ -183,8 +189,10 @@ run(${run_env} ${WORK_DIR}/cmake-consumer/consumer)
 # 2. pkg-config
 find_program(PKG_CONFIG NAMES pkg-config pkgconf REQUIRED)
 set(ENV{PKG_CONFIG_PATH} ${libdir}/pkgconfig)
+# Archives (from this mode or from a static build tree) need their private dependencies too.
+file(GLOB shared ${libdir}/*.so)
 set(static "")
-if(MODE STREQUAL "static")
+if(NOT shared)
   set(static --static)
 endif()
 execute_process(COMMAND ${PKG_CONFIG} ${static} --cflags --libs hxlvirtualmemmgmt
