@@ -24,10 +24,11 @@ foreach(deb IN LISTS CPACK_PACKAGE_FILES)
     endif()
   endforeach()
 
-  file(GLOB_RECURSE entries LIST_DIRECTORIES true ${tree}/*)
-  list(FILTER entries EXCLUDE REGEX "^${tree}/DEBIAN(/|$)")
+  file(GLOB_RECURSE entries RELATIVE ${tree} LIST_DIRECTORIES true ${tree}/*)
+  list(FILTER entries EXCLUDE REGEX "^DEBIAN(/|$)")
   set(kib 1) # the package's root folder
   foreach(entry IN LISTS entries)
+    set(entry ${tree}/${entry})
     if(IS_SYMLINK ${entry} OR IS_DIRECTORY ${entry})
       math(EXPR kib "${kib} + 1")
     else()
