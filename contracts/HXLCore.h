@@ -7,6 +7,8 @@
 #ifndef HXLCORE_H
 #define HXLCORE_H
 
+#include "HXLExport.h"
+
 #include <cstddef>
 #include <exception>
 #include <mutex>
@@ -51,7 +53,7 @@ struct HXLBackTraceFrame {
 // site first, then one per HXL_RETHROW or translation guard on the way out).
 //
 // Exceptions: only copying (the text and the frames) may throw std::bad_alloc.
-class HXLThrowable : public std::exception {
+class HXL_EXPORT HXLThrowable : public std::exception {
 public:
     // An exception with `text` (copied) and no frame yet.
     explicit HXLThrowable(const char* text);
@@ -79,7 +81,7 @@ private:
 };
 
 // A failed HXL_ASSERT or HXL_ASSERT_NAMED; the text is the macro call as written.
-class HXLAssertError : public HXLThrowable {
+class HXL_EXPORT HXLAssertError : public HXLThrowable {
 public:
     // `code` is accepted and ignored; `text` is the exception's text.
     HXLAssertError(int code, const char* text);
@@ -88,7 +90,7 @@ public:
 };
 
 // An operation called in a state that does not allow it.
-class HXLIllegalStateError : public HXLThrowable {
+class HXL_EXPORT HXLIllegalStateError : public HXLThrowable {
 public:
     // `code` is accepted and ignored; `text` is the exception's text.
     HXLIllegalStateError(int code, const char* text);
@@ -97,7 +99,7 @@ public:
 };
 
 // Memory or store space ran out. A null text gives "Out of memory".
-class HXLOutOfMemoryError : public HXLThrowable {
+class HXL_EXPORT HXLOutOfMemoryError : public HXLThrowable {
 public:
     // `code` is accepted and ignored; `text` is the exception's text, null for the fixed one.
     HXLOutOfMemoryError(int code, const char* text);
@@ -106,7 +108,7 @@ public:
 };
 
 // A standard exception caught by the translation guard; the text is e.what().
-class HXLStdExceptionError : public HXLThrowable {
+class HXL_EXPORT HXLStdExceptionError : public HXLThrowable {
 public:
     // Takes the text of `e`.
     explicit HXLStdExceptionError(const std::exception& e);
@@ -179,7 +181,7 @@ template <class E>
 // ---------------------------------------------------------------------------------------------
 
 // Something that can be locked and unlocked by the thread that holds it.
-class HXLThreadLockableResource {
+class HXL_EXPORT HXLThreadLockableResource {
 public:
     virtual ~HXLThreadLockableResource();
     // Take and give back the resource; unlock only by the thread that holds it.
@@ -189,7 +191,7 @@ public:
 
 // A recursive critical section: the thread that holds it may take it again. The int is
 // reserved (pass 0).
-class HXLThreadCriticalSection : public HXLThreadLockableResource {
+class HXL_EXPORT HXLThreadCriticalSection : public HXLThreadLockableResource {
 public:
     // Unlocked.
     explicit HXLThreadCriticalSection(int reserved = 0);
@@ -204,7 +206,7 @@ private:
 };
 
 // Holds a lockable resource from construction to destruction.
-class HXLThreadGuard {
+class HXL_EXPORT HXLThreadGuard {
 public:
     // Locks `resource`, which must outlive the guard; the destructor unlocks it.
     explicit HXLThreadGuard(HXLThreadLockableResource& resource);
@@ -227,7 +229,7 @@ typedef char* (*conv)(void*, char*, int, int*);
 // Text kept as UTF-16 code units in the machine's byte order (the internal form).
 //
 // Exceptions: calls that build or copy text may throw std::bad_alloc; nothing else throws.
-class I18NString {
+class HXL_EXPORT I18NString {
 public:
     I18NString();
     // From `length` bytes of `text` in `encoding`: null, "UTF-8" or "UTF8" (any case) read
@@ -269,7 +271,7 @@ private:
 };
 
 // A holder of an I18NString, empty until a non-empty string is assigned and after clear().
-class HXLI18NBuffer {
+class HXL_EXPORT HXLI18NBuffer {
 public:
     HXLI18NBuffer();
     // Holds a copy of `value`.
@@ -290,7 +292,7 @@ private:
 // ---------------------------------------------------------------------------------------------
 
 // Checksums.
-class HXLUtCrc32 {
+class HXL_EXPORT HXLUtCrc32 {
 public:
     // The standard CRC-32 (ISO-HDLC, as zlib and gzip compute it) of `length` bytes, continued
     // from `seed` (0 to start). A null data pointer gives `seed`.
@@ -298,7 +300,7 @@ public:
 };
 
 // Directories of the file system.
-class HXLFmDir {
+class HXL_EXPORT HXLFmDir {
 public:
     // The temporary directory: $TMPDIR when it names a directory, else "/tmp". Returns 1.
     static int getTempPath(I18NString& path);
@@ -307,7 +309,7 @@ public:
 // A file on a POSIX descriptor, unbuffered. Operations on a file that is not open fail with
 // EBADF. Every failing operation records errno for getLastErrorNumber/getLastErrorMessage;
 // success leaves the last error as it was. No operation throws.
-class HXLFmFile {
+class HXL_EXPORT HXLFmFile {
 public:
     // Where seek counts from: the start, the position, the end.
     enum seekorigin : int { eSeekBegin = 0, eSeekCurrent = 1, eSeekEnd = 2 };

@@ -5,6 +5,8 @@
 #ifndef VIRTUALMEMORYPOOL_H
 #define VIRTUALMEMORYPOOL_H
 
+#include "HXLExport.h"
+
 #include <cstddef>
 
 namespace tcmalloc {
@@ -15,7 +17,7 @@ struct FastTable;
 // The engine's optional fast path (VirtualMemoryFastPath.h): its published table for `pool`,
 // good for the pool's life. Weak: an engine that does not offer one leaves the symbol null,
 // and callers then use the plain calls of VirtualMemoryPool.
-extern "C" __attribute__((weak, visibility("default"))) tcmalloc::FastTable*
+extern "C" HXL_EXPORT __attribute__((weak)) tcmalloc::FastTable*
 tcmalloc_VirtualMemoryPool_FastTable(tcmalloc::VirtualMemoryPool* pool);
 
 namespace tcmalloc {
@@ -125,7 +127,7 @@ struct VirtualMemoryIo {
 //
 // Exceptions: the constructor throws std::bad_alloc; nothing else throws: running out of memory
 // or page file space, any page file I/O failure and a damaged page file give a null address.
-class VirtualMemoryPool {
+class HXL_EXPORT VirtualMemoryPool {
 public:
     // `size` is the resident budget in bytes (0 is taken as 1 page). `path` is the directory
     // for the page file; it is copied. Throws std::bad_alloc when the engine's tables cannot
@@ -179,7 +181,7 @@ public:
 
 private:
     friend FastTable* ::tcmalloc_VirtualMemoryPool_FastTable(VirtualMemoryPool* pool);
-    class Engine;
+    class HXL_NO_EXPORT Engine;
     Engine* m_engine;
 };
 

@@ -2,6 +2,8 @@
 #ifndef ZOJSTREAMS_H
 #define ZOJSTREAMS_H
 
+#include "HXLExport.h"
+
 // A sink of bytes. Derived classes implement write; flush and close do nothing here.
 //
 // Everything here is defined inline, so that its table of virtual functions and its type
@@ -9,7 +11,7 @@
 // of the streams library but ZOJGZIPOutputStream's constructor.
 //
 // Exceptions: whatever the derived class's operations throw.
-class ZOJOutputStream {
+class HXL_EXPORT ZOJOutputStream {
 public:
     virtual ~ZOJOutputStream() {}
     // Takes `count` bytes at `data`.
@@ -26,7 +28,7 @@ public:
 // Exceptions: standard ones only. Construction throws std::bad_alloc or std::runtime_error
 // when zlib cannot start; write, flush and finish throw std::logic_error without a chained
 // stream, std::runtime_error when zlib fails, and pass on what the chained stream throws.
-class ZOJGZIPOutputStream : public ZOJOutputStream {
+class HXL_EXPORT ZOJGZIPOutputStream : public ZOJOutputStream {
 public:
     // The zlib level used when none is given: 6, zlib's own default.
     static constexpr int kDefaultLevel = 6;

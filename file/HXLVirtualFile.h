@@ -2,6 +2,7 @@
 #define HXLVIRTUALFILE_H
 
 #include "HXLCore.h"
+#include "HXLExport.h"
 #include "HXLVirtualPageItem.h"
 #include "ZOJStreams.h"
 
@@ -49,7 +50,7 @@ class HXLVirtualMemoryMgr;
 // throws; open with a budget throws HXLOutOfMemoryError when the store cannot be made. The
 // operations inherited from HXLFmFile report failures by their results; the destructor lets
 // nothing out.
-class HXLVirtualFile : public HXLFmFile {
+class HXL_EXPORT HXLVirtualFile : public HXLFmFile {
 public:
     // The sink through which the compressor hands its output to the file's writeImpl. It lives
     // inside its file and is bound to it by the open() that asks for compression.

@@ -20,6 +20,8 @@
 #ifndef HXLFIXEDMEMORYPOOL_H
 #define HXLFIXEDMEMORYPOOL_H
 
+#include "HXLExport.h"
+
 // Elements of one size on the process heap, with optional headers and overwrite detection.
 // Not tied to the store: no references, nothing pages out. An element is the caller's from
 // alloc to free; the destructor releases every chunk.
@@ -28,7 +30,7 @@
 // a damaged header throws HXLAssertError (or aborts, with the abort flag set) from the calls
 // that test headers, and from free for a header-mode element freed twice; alloc and grow throw
 // HXLOutOfMemoryError when operator new fails. Running out of elements is a null alloc.
-class HXLFixedMemoryPool {
+class HXL_EXPORT HXLFixedMemoryPool {
 public:
     // The layout of a chunk. Chunks are raw blocks from operator new(32768); this struct only
     // names their parts.

@@ -19,6 +19,8 @@
 #ifndef HXLMEMORYARENA_H
 #define HXLMEMORYARENA_H
 
+#include "HXLExport.h"
+
 #include <ostream>
 #include <set>
 #include <vector>
@@ -33,7 +35,7 @@ class HXLFixedMemoryPool;
 // and std::bad_alloc when a large block cannot be recorded; alloc (with detection on) and free
 // throw HXLAssertError on a damaged header, free also for null, for a bin element freed twice and
 // for a block this arena does not hold. Running out of budget is a null alloc.
-class HXLMemoryArena {
+class HXL_EXPORT HXLMemoryArena {
 public:
     // numVarBins: the number of bins, 0 to 4093. maxAllowed: the budget in bytes, 0 for 262144.
     // The third argument is accepted and ignored. Takes no chunk yet. Throws std::length_error

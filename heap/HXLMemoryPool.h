@@ -17,6 +17,8 @@
 #ifndef HXLMEMORYPOOL_H
 #define HXLMEMORYPOOL_H
 
+#include "HXLExport.h"
+
 #include <vector>
 
 // Blocks of any size cut out of large heap blocks under a byte budget (next fit). Not tied to
@@ -26,7 +28,7 @@
 // Exceptions: free throws HXLAssertError for null and for a block freed twice; alloc throws
 // std::bad_alloc only when a new heap block cannot be recorded. Running out of budget or heap
 // is a null alloc.
-class HXLMemoryPool {
+class HXL_EXPORT HXLMemoryPool {
 public:
     // The header in front of every block (see the glossary of this file).
     union memheader {

@@ -1,6 +1,7 @@
 #ifndef HXLVIRTUALCONTAINER_H
 #define HXLVIRTUALCONTAINER_H
 
+#include "HXLExport.h"
 #include "HXLVirtualMemoryMgr.h"
 #include "HXLVirtualPageItem.h"
 
@@ -30,7 +31,7 @@ typedef HXLVirtualPersistNode* (*NodeCreator)(HXLVirtualContainer*);
 // Exceptions: the constructors that build a manager throw HXLOutOfMemoryError when it cannot
 // be made; createNode throws HXLOutOfMemoryError when the creator gives null and passes on what
 // the creator throws; alloc throws as the manager's does. The others throw nothing.
-class HXLVirtualContainer {
+class HXL_EXPORT HXLVirtualContainer {
 public:
     // Builds and owns a manager made as HXLVirtualMemoryMgr(a, b, c): `a` is the resident
     // budget in bytes (0: the manager's default). Failures to build it leave by the translation
@@ -67,7 +68,7 @@ public:
         // all that makes it live again. Inline: every step of a walk comes through here, and a
         // resident node is mapped without a call.
         if (offset == 0)
-            return NULL;
+            return nullptr;
         if (void* node = tcmalloc::fastMap(*m_fast, offset, true))
             return static_cast<HXLVirtualPersistNode*>(node);
         return getNodeSlow(offset);

@@ -2,6 +2,7 @@
 #define HXLVIRTUALPERSISTNODE_H
 
 #include "HXLCore.h"
+#include "HXLExport.h"
 #include "HXLVirtualContainer.h"
 #include "HXLVirtualPageItem.h"
 
@@ -33,7 +34,7 @@
 // without a container or manager (so after destroy). The others throw nothing.
 //
 // Applications declare their own classes with HXL_VIRTUAL_NODE_CLASS (HXLVirtualNodeClass.h).
-class HXLVirtualPersistNode {
+class HXL_EXPORT HXLVirtualPersistNode {
 public:
     // m_pageOffset 0 and no container: create sets both.
     HXLVirtualPersistNode();
@@ -110,8 +111,8 @@ protected:
     template <class T> static HXLVirtualPersistNode* createInStore(HXLVirtualContainer* container) {
         HXLVirtualPageItem item;
         void* block = allocateNodeBlock(container, static_cast<unsigned int>(sizeof(T)), item);
-        if (block == NULL)
-            return NULL;
+        if (block == nullptr)
+            return nullptr;
         return completeNode(new (block) T(), item, container);
     }
 

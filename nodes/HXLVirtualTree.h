@@ -1,6 +1,7 @@
 #ifndef HXLVIRTUALTREE_H
 #define HXLVIRTUALTREE_H
 
+#include "HXLExport.h"
 #include "HXLVirtualContainer.h"
 #include "HXLVirtualTreeNode.h"
 
@@ -17,7 +18,7 @@
 // cannot be made, and pass on what the root's onInit throws; dumpTree passes on what the stream
 // and the nodes' dump throw, and throws HXLOutOfMemoryError when the store cannot bring a node
 // back, leaving no reference of its own held in every case.
-class HXLVirtualTree : public HXLVirtualContainer {
+class HXL_EXPORT HXLVirtualTree : public HXLVirtualContainer {
 public:
     // The container's constructors, each followed by the root (whose onInit runs). If the
     // root cannot be made, or its onInit throws, nothing is left: a manager that was built

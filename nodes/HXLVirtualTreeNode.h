@@ -1,6 +1,7 @@
 #ifndef HXLVIRTUALTREENODE_H
 #define HXLVIRTUALTREENODE_H
 
+#include "HXLExport.h"
 #include "HXLVirtualPersistNode.h"
 
 #include <vector>
@@ -40,7 +41,7 @@
 // navigation then takes no reference (getNextSibling(1) keeps this node's), and an editing
 // operation has changed nothing, since it maps every node it changes before it writes a link.
 // Null from navigation always means that there is no such relative.
-class HXLVirtualTreeNode : public HXLVirtualPersistNode {
+class HXL_EXPORT HXLVirtualTreeNode : public HXLVirtualPersistNode {
 public:
     // All links and the count word 0: a node in no tree.
     HXLVirtualTreeNode();
@@ -123,7 +124,7 @@ private:
     // The neighbour at `link`, mapped before this node is let go (with dismissSelf). A step
     // within one resident span moves the reference in one go, as a walk does mostly.
     HXLVirtualTreeNode* sibling(unsigned long long link, int dismissSelf) {
-        if (dismissSelf != 0 && link != 0 && m_container != NULL)
+        if (dismissSelf != 0 && link != 0 && m_container != nullptr)
             if (HXLVirtualPersistNode* next = m_container->moveNode(m_pageOffset, link))
                 return static_cast<HXLVirtualTreeNode*>(next);
         HXLVirtualTreeNode* next = nodeAt(link);
@@ -146,8 +147,11 @@ private:
     void linkToParent(HXLVirtualTreeNode* parent);
     void copyParentLink(const HXLVirtualTreeNode* from);
     HXLVirtualTreeNode* findParent();
-    void addChildren(unsigned int count) { m_childCount = m_childCount + count; }
-    void subtractChildren(unsigned int count) { m_childCount = m_childCount - count; }
+    // The mask is the truncation to the field's 31 bits, spelt out for -Wconversion.
+    void addChildren(unsigned int count) { m_childCount = (m_childCount + count) & 0x7FFFFFFFu; }
+    void subtractChildren(unsigned int count) {
+        m_childCount = (m_childCount - count) & 0x7FFFFFFFu;
+    }
 
     unsigned long long m_parent;
     unsigned long long m_firstChild;

@@ -2,6 +2,7 @@
 #define HXLVIRTUALI18NSTRING_H
 
 #include "HXLCore.h"
+#include "HXLExport.h"
 #include "HXLVirtualPageItem.h"
 
 class HXLVirtualContainer;
@@ -22,7 +23,7 @@ class HXLVirtualMemoryMgr;
 // cannot allocate. Every operation that reads a payload throws HXLOutOfMemoryError when the
 // store cannot bring it back (a failed or damaged page-in, no room), having taken no reference:
 // a live payload never reads as empty or unequal.
-class HXLVirtualI18NString : public HXLVirtualPageItem {
+class HXL_EXPORT HXLVirtualI18NString : public HXLVirtualPageItem {
 public:
     // Empty: no payload.
     HXLVirtualI18NString() {}

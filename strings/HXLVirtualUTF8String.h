@@ -2,6 +2,7 @@
 #define HXLVIRTUALUTF8STRING_H
 
 #include "HXLCore.h"
+#include "HXLExport.h"
 #include "HXLVirtualPageItem.h"
 
 class HXLVirtualContainer;
@@ -28,7 +29,7 @@ class HXLVirtualMemoryMgr;
 // cannot allocate. Every operation that reads a payload throws HXLOutOfMemoryError when the
 // store cannot bring it back (a failed or damaged page-in, no room), having taken no reference:
 // a live payload never reads as empty or unequal.
-class HXLVirtualUTF8String : public HXLVirtualPageItem {
+class HXL_EXPORT HXLVirtualUTF8String : public HXLVirtualPageItem {
 public:
     // Empty: no payload.
     HXLVirtualUTF8String() {}

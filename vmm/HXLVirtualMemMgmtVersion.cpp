@@ -1,5 +1,5 @@
 #include "HXLVirtualMemMgmtVersion.h"
 
 const char* HXLVirtualMemMgmtVersion() {
-    return HXL_VERSION_STRING;
+    return HXL_VIRTUALMEMMGMT_VERSION_STRING;
 }

@@ -1,6 +1,7 @@
 #ifndef HXLVIRTUALMEMORYMGR_H
 #define HXLVIRTUALMEMORYMGR_H
 
+#include "HXLExport.h"
 #include "HXLVirtualPageItem.h"
 #include "VirtualMemoryFastPath.h"
 
@@ -31,7 +32,7 @@ class HXLVirtualMapper;
 // dismiss of a live-looking offset whose object holds no reference or that names no object,
 // and a free of such an offset (an object freed already through a copy of its item). The
 // other calls throw nothing: a failure is a null address or no effect.
-class HXLVirtualMemoryMgr {
+class HXL_EXPORT HXLVirtualMemoryMgr {
 public:
     // Accepted and ignored: every store has one mapping mode.
     enum mappertype : int { eMapperDefault = 0, eMapperVirtual = 1 };

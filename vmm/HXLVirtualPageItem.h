@@ -1,6 +1,8 @@
 #ifndef HXLVIRTUALPAGEITEM_H
 #define HXLVIRTUALPAGEITEM_H
 
+#include "HXLExport.h"
+
 // The handle of one object in the store: an offset and a size, a plain value that owns
 // nothing. Offset 0: the item is empty. kInvalidOffset: the item names no object, yet is not
 // empty. Any other offset names a live object, as the store reported it.
@@ -9,7 +11,7 @@
 // the store; the object it names may page out and in while the item stays valid.
 //
 // Exceptions: none.
-class HXLVirtualPageItem {
+class HXL_EXPORT HXLVirtualPageItem {
 public:
     // The offset of an item that names no object.
     static constexpr unsigned long long kInvalidOffset = 0xFFFFFFFFFFFFFFFFULL;

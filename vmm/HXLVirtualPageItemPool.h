@@ -1,6 +1,7 @@
 #ifndef HXLVIRTUALPAGEITEMPOOL_H
 #define HXLVIRTUALPAGEITEMPOOL_H
 
+#include "HXLExport.h"
 #include "HXLVirtualPageItem.h"
 
 #include <list>
@@ -22,7 +23,7 @@ class HXLVirtualMemoryMgr;
 // Invariants: m_entries and m_lru hold the same entries; an entry's key in both shares the one
 // heap copy of the bytes, which the list's entry frees; list positions stay valid when a node
 // moves inside the list, so a move never touches m_entries.
-class HXLVirtualPageItemPool {
+class HXL_EXPORT HXLVirtualPageItemPool {
 public:
     // A key: `m_size` bytes at `m_data` (a heap copy owned by the pool, or the caller's block
     // during a lookup).

@@ -35,7 +35,7 @@
 template <class T> class HXLVirtualReference {
 public:
     // Holds nothing.
-    HXLVirtualReference() noexcept : m_memMgr(NULL), m_offset(0), m_address(NULL) {}
+    HXLVirtualReference() noexcept : m_memMgr(nullptr), m_offset(0), m_address(nullptr) {}
     // Takes over the reference that the caller holds on the object at `offset` of `memMgr`,
     // mapped at `address`. A null address holds nothing (a failed or empty mapping owes none).
     HXLVirtualReference(HXLVirtualMemoryMgr* memMgr, unsigned long long offset, T* address) noexcept
@@ -44,8 +44,8 @@ public:
     // getNode or navigation): owed to its container's manager at its page offset. Null holds
     // nothing.
     explicit HXLVirtualReference(T* node)
-        : m_memMgr(node != NULL ? node->getContainer()->getMemoryMgr() : NULL),
-          m_offset(node != NULL ? node->getPageOffset() : 0), m_address(node) {}
+        : m_memMgr(node != nullptr ? node->getContainer()->getMemoryMgr() : nullptr),
+          m_offset(node != nullptr ? node->getPageOffset() : 0), m_address(node) {}
     // Gives back the reference held, if any; see the class on exceptions.
     ~HXLVirtualReference() noexcept(false) {
         if (owes() && std::uncaught_exceptions() > 0) {
@@ -77,21 +77,21 @@ public:
     T* get() const noexcept { return m_address; }
     T* operator->() const noexcept { return m_address; }
     T& operator*() const noexcept { return *m_address; }
-    explicit operator bool() const noexcept { return m_address != NULL; }
+    explicit operator bool() const noexcept { return m_address != nullptr; }
     // The store offset of the object held (kInvalidOffset for a root), 0 when null.
-    unsigned long long getOffset() const noexcept { return m_address != NULL ? m_offset : 0; }
+    unsigned long long getOffset() const noexcept { return m_address != nullptr ? m_offset : 0; }
 
     // Hands the reference to the caller, who answers it with one dismiss; the handle is null.
     T* release() noexcept {
         T* address = m_address;
-        m_address = NULL;
+        m_address = nullptr;
         m_offset = 0;
         return address;
     }
     // Gives back the reference now; the handle is null afterwards, also when dismiss throws.
     void reset() {
         if (!owes()) {
-            m_address = NULL;
+            m_address = nullptr;
             return;
         }
         const unsigned long long offset = m_offset;
@@ -101,7 +101,7 @@ public:
 
 private:
     bool owes() const noexcept {
-        return m_address != NULL && m_offset != HXLVirtualPageItem::kInvalidOffset;
+        return m_address != nullptr && m_offset != HXLVirtualPageItem::kInvalidOffset;
     }
 
     HXLVirtualMemoryMgr* m_memMgr;
