@@ -189,58 +189,47 @@ void BM_MapHitSpread(benchmark::State& state) {
     mapHits(state, kSpreadObjects);
 }
 
-// 3. alloc + free in LIFO batches; each object is written and read once.
-void BM_ManagerAllocFree(benchmark::State& state) {
-    HXLVirtualMemoryMgr memMgr(kBudget, 0, 0);
-    std::vector<HXLVirtualPageItem> items(kBatch);
+// 3. alloc + free in LIFO batches; each object is written and read once. `Handle` names one
+// object; `make` gives its address with a reference held, `release` dismisses it, `end` frees.
+template <class Handle, class Make, class Release, class End>
+void allocFree(benchmark::State& state, Make make, Release release, End end) {
+    std::vector<Handle> items(kBatch);
     for (auto _ : state) {
         unsigned long long sum = 0;
         for (unsigned i = 0; i < kBatch; ++i) {
-            unsigned char* p = static_cast<unsigned char*>(memMgr.alloc(kObjectSize, items[i]));
+            unsigned char* p = static_cast<unsigned char*>(make(items[i]));
             p[0] = static_cast<unsigned char>(i);
             sum += p[0];
-            memMgr.dismiss(items[i]);
+            release(items[i]);
         }
         for (unsigned i = kBatch; i-- > 0;)
-            memMgr.free(items[i]);
+            end(items[i]);
         check(sum, batchSum());
     }
     state.SetItemsProcessed(state.iterations() * kBatch);
+}
+
+void BM_ManagerAllocFree(benchmark::State& state) {
+    HXLVirtualMemoryMgr memMgr(kBudget, 0, 0);
+    allocFree<HXLVirtualPageItem>(
+        state, [&](HXLVirtualPageItem& item) { return memMgr.alloc(kObjectSize, item); },
+        [&](HXLVirtualPageItem& item) { memMgr.dismiss(item); },
+        [&](HXLVirtualPageItem& item) { memMgr.free(item); });
 }
 
 void BM_EngineAllocFree(benchmark::State& state) {
     tcmalloc::VirtualMemoryPool pool(kBudget, EngineStore::tempDir().c_str());
-    std::vector<tcmalloc::PageItem> items(kBatch);
-    for (auto _ : state) {
-        unsigned long long sum = 0;
-        for (unsigned i = 0; i < kBatch; ++i) {
-            unsigned char* p = static_cast<unsigned char*>(pool.Allocate(kObjectSize, items[i]));
-            p[0] = static_cast<unsigned char>(i);
-            sum += p[0];
-            pool.Dismiss(items[i]);
-        }
-        for (unsigned i = kBatch; i-- > 0;)
-            pool.Deallocate(items[i]);
-        check(sum, batchSum());
-    }
-    state.SetItemsProcessed(state.iterations() * kBatch);
+    allocFree<tcmalloc::PageItem>(
+        state, [&](tcmalloc::PageItem& item) { return pool.Allocate(kObjectSize, item); },
+        [&](tcmalloc::PageItem& item) { pool.Dismiss(item); },
+        [&](tcmalloc::PageItem& item) { pool.Deallocate(item); });
 }
 
 void BM_MallocFree(benchmark::State& state) {
-    std::vector<unsigned char*> blocks(kBatch);
-    for (auto _ : state) {
-        unsigned long long sum = 0;
-        for (unsigned i = 0; i < kBatch; ++i) {
-            blocks[i] = static_cast<unsigned char*>(std::malloc(kObjectSize));
-            blocks[i][0] = static_cast<unsigned char>(i);
-            sum += blocks[i][0];
-            benchmark::DoNotOptimize(blocks[i]);
-        }
-        for (unsigned i = kBatch; i-- > 0;)
-            std::free(blocks[i]);
-        check(sum, batchSum());
-    }
-    state.SetItemsProcessed(state.iterations() * kBatch);
+    allocFree<void*>(
+        state, [](void*& block) { return block = std::malloc(kObjectSize); },
+        [](void*& block) { benchmark::DoNotOptimize(block); },
+        [](void*& block) { std::free(block); });
 }
 
 // How many times the baseline's median time `subject` takes (1.0 is parity; lower is better).
