@@ -11,11 +11,11 @@
 //               The span is the unit of residence and of paging.
 //   size class  a slot size (16 bytes to 8 KiB); small objects take the smallest slot that
 //               fits them.
-//   page map    two vectors indexed by page number. The fast map (FastPage, 16 bytes a page,
-//               published in the FastTable of VirtualMemoryFastPath.h) gives a resident span's
-//               hot block and a bias, so that an object's address is bias + offset; the record
-//               map gives the span record of every live span, resident or not. No hashing, no
-//               search.
+//   page map    a vector indexed by page number (FastPage, 16 bytes a page, published in the
+//               FastTable of VirtualMemoryFastPath.h). For a page of a resident span it gives
+//               the span's hot block and a bias, so that an object's address is bias + offset
+//               (the hot block names the span's record); for a page of a paged-out span the
+//               hot block is null and the first field holds the record. No hashing, no search.
 //   hot block   what a hit reads and writes, 64-byte aligned and only while the span is
 //               resident (FastSpan): pin count, hit flags, slot divisor, and the slot bytes,
 //               the first 32 of them in the same cache line.
@@ -74,10 +74,11 @@
 //      the sweep writes it without reading its bytes twice. A span read back is printed only
 //      where rule 4 needs it, at its eviction after a write mapping: it costs at most two
 //      prints per stay in memory, the check at page-in and that one.
-//  14. A span is resident exactly when it has memory and a hot block; then every fast map
-//      entry of its pages names that block with bias memory - first page * 8192, and every
-//      other fast map entry is null. The hot block's copy of the span's geometry equals the
-//      record's, and its kFastWriteSlow bit is set exactly in the states printed and exact.
+//  14. A span is resident exactly when it has memory and a hot block; then every page map
+//      entry of its pages names that block with bias memory - first page * 8192. The entries
+//      of a paged-out span's pages have no hot block and hold its record; all others are null. The
+//      hot block's copy of the span's geometry equals the record's, and its kFastWriteSlow bit is
+//      set exactly in the states printed and exact.
 //  15. The inline routines (fastMap, fastDismiss, fastMove) change only slot bytes, the pin
 //      count, kFastReferenced and the table's counts, exactly as the plain calls would in the
 //      same case; they decline every case where the plain call does more: a free slot, a count
@@ -424,9 +425,9 @@ private:
     // Finds the span and slot of a live object starting at `offset`; null when there is none.
     Span* find(unsigned long long offset, unsigned& slot) const {
         const unsigned long long page = offset >> kPageShift;
-        if (page >= m_pageMap.size())
+        if (page >= m_fastPages.size())
             return nullptr;
-        Span* span = m_pageMap[page];
+        Span* span = recordAt(page);
         if (span == nullptr)
             return nullptr;
         unsigned index;
@@ -461,8 +462,16 @@ private:
     unsigned long long spare() const { return std::min(kIoRunBytes, m_table.budget / 16); }
     // Whether a scan queue entry still names the span as it came in.
     bool isCurrent(const ScanEntry& entry) const {
-        return entry.firstPage < m_pageMap.size() && m_pageMap[entry.firstPage] == entry.span &&
+        return entry.firstPage < m_fastPages.size() && recordAt(entry.firstPage) == entry.span &&
                entry.span->scanStamp == entry.stamp;
+    }
+
+    // The record of the live span that covers `page` (< the map's size), or null: a resident
+    // span's through its hot block, a paged-out one's from the entry itself (rule 14).
+    Span* recordAt(unsigned long long page) const {
+        const FastPage& entry = m_fastPages[page];
+        return entry.span != nullptr ? static_cast<Span*>(entry.span->owner)
+                                     : reinterpret_cast<Span*>(entry.bias);
     }
 
     // State moves (the table in the opening comment).
@@ -524,7 +533,6 @@ private:
     FastTable m_table{};
     unsigned long long m_spreadBits[256] = {}; // a byte of the live bitmap as eight slot bytes
     std::vector<FastPage> m_fastPages;
-    std::vector<Span*> m_pageMap; // span record of every page of a live span
     std::vector<SizeClass> m_classes;
     std::vector<unsigned short> m_classOfGranules; // (size + 15) / 16 -> class index
     ExtentAllocator m_pageNumbers{1};

@@ -73,8 +73,8 @@ VirtualMemoryPool::Engine::Engine(unsigned long long budget, const char* path) :
 VirtualMemoryPool::Engine::~Engine() {
     // Every object ends with the store: no write, no check of references. Records and slot
     // counts go with the record arena.
-    for (unsigned long long page = 0; page < m_pageMap.size(); ++page) {
-        Span* span = m_pageMap[page];
+    for (unsigned long long page = 0; page < m_fastPages.size(); ++page) {
+        Span* span = recordAt(page);
         if (span == nullptr)
             continue;
         page += span->pageCount - 1; // the span's other pages name it too
@@ -82,14 +82,12 @@ VirtualMemoryPool::Engine::~Engine() {
     }
 }
 
-// Grows or shrinks both page maps to `pages` entries and publishes the fast map; false, with
-// the maps as they were in length, when they cannot grow. New entries are null.
+// Grows or shrinks the page map to `pages` entries and publishes it; false, with the map as it
+// was, when it cannot grow. New entries are null.
 bool VirtualMemoryPool::Engine::resizePageMap(unsigned long long pages) {
     try {
         m_fastPages.resize(pages, FastPage{nullptr, nullptr});
-        m_pageMap.resize(pages, nullptr);
     } catch (const std::bad_alloc&) {
-        m_fastPages.resize(m_pageMap.size()); // shrinking does not throw
         return false;
     }
     m_table.pages = m_fastPages.data();
@@ -136,7 +134,7 @@ void VirtualMemoryPool::Engine::leaveMemory(Span* span) {
     if (span->pins() != 0)
         ++m_table.spanUnpins; // a pinned large object's span released by its deallocation
     m_table.residentBytes -= span->bytes();
-    mapPages(span, nullptr, nullptr);
+    mapPages(span, nullptr, reinterpret_cast<char*>(span)); // rule 14: the record stays found
     m_memory.give(span->memory, span->pageCount);
     m_hotBlocks.give(span->hot, hotBytes(span->classIndex));
     span->memory = nullptr;
@@ -154,7 +152,7 @@ Span* VirtualMemoryPool::Engine::newSpan(unsigned short classIndex, unsigned pag
     // The page map grows before anything else changes, to cover the pages take() may add at
     // the end: running out of memory leaves the store as it was and gives null. A map longer
     // than the page numbers in use is harmless: its tail stays null.
-    if (m_pageNumbers.end() + pages > m_pageMap.size() &&
+    if (m_pageNumbers.end() + pages > m_fastPages.size() &&
         !resizePageMap(m_pageNumbers.end() + pages))
         return nullptr;
     bool recycled;
@@ -188,8 +186,6 @@ Span* VirtualMemoryPool::Engine::newSpan(unsigned short classIndex, unsigned pag
     span->elementSize = classIndex == kLargeClass ? 0 : m_classes[classIndex].elementSize;
     span->fileSlot = kNoSlot;
     becomeResident(span, memory, hot, kNoCopy); // nothing of it is in the page file yet
-    for (unsigned i = 0; i < pages; ++i)
-        m_pageMap[firstPage + i] = span;
     if (classIndex == kLargeClass) {
         ++m_counts.largeSpans;
         m_counts.largePages += pages;
@@ -211,14 +207,13 @@ void VirtualMemoryPool::Engine::releaseSpan(Span* span) {
         nonFullRemove(span);
         --m_classes[span->classIndex].spanCount;
     }
-    for (unsigned i = 0; i < span->pageCount; ++i)
-        m_pageMap[span->firstPage + i] = nullptr;
+    mapPages(span, nullptr, nullptr);
     try {
         m_pageNumbers.give(span->firstPage, span->pageCount);
     } catch (const std::bad_alloc&) {
         // The page numbers stay taken: offset space is lost, never handed out twice.
     }
-    if (m_pageNumbers.end() < m_pageMap.size())
+    if (m_pageNumbers.end() < m_fastPages.size())
         resizePageMap(m_pageNumbers.end());
     m_records.give(span, recordBytes(span));
 }
@@ -299,8 +294,11 @@ void VirtualMemoryPool::Engine::checkSpan(const Span* span) const {
     } else {                                             // rule 9
         VMM_CHECK(span->memory == nullptr && span->hot == nullptr, base);
         VMM_CHECK(span->ringNext == nullptr && span->fileSlot != kNoSlot, base);
-        for (unsigned i = 0; i < span->pageCount; ++i)
-            VMM_CHECK(m_fastPages[span->firstPage + i].span == nullptr, base + i);
+        for (unsigned i = 0; i < span->pageCount; ++i) {
+            const FastPage& entry = m_fastPages[span->firstPage + i];
+            VMM_CHECK(entry.span == nullptr && entry.bias == reinterpret_cast<const char*>(span),
+                      base + i);
+        }
     }
     VMM_CHECK(span->state != kMaybe || span->fileSlot != kNoSlot, base);
     VMM_CHECK(span->state != kExact || span->fileSlot != kNoSlot, base);
@@ -320,14 +318,11 @@ void VirtualMemoryPool::Engine::verify() const {
     unsigned long long pagesMapped = 0, filePages = 0, slots = 0;
     VMM_CHECK(m_table.pages == m_fastPages.data() && m_table.pageCount == m_fastPages.size(),
               m_table.pageCount);
-    VMM_CHECK(m_fastPages.size() >= m_pageMap.size(), m_fastPages.size());
-    for (unsigned long long page = m_pageMap.size(); page < m_fastPages.size(); ++page)
-        VMM_CHECK(m_fastPages[page].span == nullptr, page);
     std::vector<unsigned> emptySpans(m_classes.size(), 0);
-    for (unsigned long long page = 0; page < m_pageMap.size(); ++page) {
-        const Span* span = m_pageMap[page];
+    for (unsigned long long page = 0; page < m_fastPages.size(); ++page) {
+        const Span* span = recordAt(page);
         if (span == nullptr) {
-            VMM_CHECK(m_fastPages[page].span == nullptr, page); // rule 14
+            VMM_CHECK(m_fastPages[page].bias == nullptr, page); // rule 14
             continue;
         }
         ++pagesMapped;
@@ -361,15 +356,15 @@ void VirtualMemoryPool::Engine::verify() const {
         const Span* span = m_ring.hand();
         do {
             VMM_CHECK(span->resident(), span->firstPage);
-            VMM_CHECK(m_pageMap[span->firstPage] == span, span->firstPage);
+            VMM_CHECK(recordAt(span->firstPage) == span, span->firstPage);
             VMM_CHECK(span->ringNext->ringPrev == span, span->firstPage);
             ringUnpinned += span->pins() == 0;
             ++ringLength;
             span = span->ringNext;
-        } while (span != m_ring.hand() && ringLength <= m_pageMap.size());
+        } while (span != m_ring.hand() && ringLength <= m_fastPages.size());
     }
-    for (unsigned long long page = 0; page < m_pageMap.size(); ++page) {
-        const Span* span = m_pageMap[page];
+    for (unsigned long long page = 0; page < m_fastPages.size(); ++page) {
+        const Span* span = recordAt(page);
         residentSpans += span != nullptr && span->firstPage == page && span->resident();
     }
     VMM_CHECK(ringLength == residentSpans, ringLength);

@@ -298,8 +298,8 @@ unsigned long long VirtualMemoryPool::Engine::outstanding(VirtualMemoryReference
     if (total == nullptr && (info == nullptr || count == 0))
         return outstandingObjects();
     unsigned long long sum = 0, written = 0;
-    for (unsigned long long page = 0; page < m_pageMap.size(); ++page) {
-        const Span* span = m_pageMap[page];
+    for (unsigned long long page = 0; page < m_fastPages.size(); ++page) {
+        const Span* span = recordAt(page);
         if (span == nullptr || span->firstPage != page || !span->resident() || span->pins() == 0)
             continue;
         for (unsigned slot = 0; slot < slotCount(span); ++slot) {
