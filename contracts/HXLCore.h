@@ -170,8 +170,7 @@ template <class E>
 /// @ingroup contracts
 /// @brief As HXL_ASSERT; the text holds the quoted words too.
 ///
-/// `HXL_ASSERT_NAMED(n == 1, "Bad chunk");` fails with
-/// "HXL_ASSERT_NAMED(n == 1, "Bad chunk");".
+/// `HXL_ASSERT_NAMED(n == 1, "Bad chunk");` fails with "HXL_ASSERT_NAMED(n == 1, "Bad chunk");".
 #define HXL_ASSERT_NAMED(cond, words)                                                              \
     do {                                                                                           \
         if (!(cond))                                                                               \

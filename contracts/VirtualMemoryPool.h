@@ -50,9 +50,9 @@ struct VirtualMemoryFixedPoolStats {
 /// @ingroup contracts
 /// @brief The statistics record.
 ///
-/// Its size is variable: ExtractStats says how many bytes it takes
-/// (kFixedPoolsOffset + fixedPoolCount * sizeof(VirtualMemoryFixedPoolStats)). Byte offsets in
-/// the comments; all figures are counts since the store was made unless they say "now".
+/// Its size is variable: ExtractStats says how many bytes it takes (kFixedPoolsOffset +
+/// fixedPoolCount * sizeof(VirtualMemoryFixedPoolStats)). Byte offsets in the comments; all figures
+/// are counts since the store was made unless they say "now".
 struct VirtualMemoryStats {
     unsigned long long pageSize;          ///< 0: page size in bytes
     unsigned long long residentBudget;    ///< 8: the resident budget in bytes

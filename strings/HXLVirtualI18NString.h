@@ -11,9 +11,8 @@ class HXLVirtualMemoryMgr;
 /// @ingroup strings
 /// @brief The twin of HXLVirtualUTF8String over the internal form of I18NString.
 ///
-/// The payload is the
-/// I18NString::size() bytes at getExternalBuffer(), copied and compared as opaque bytes, with
-/// no conversion either way. The page item's size is that byte count.
+/// The payload is the I18NString::size() bytes at getExternalBuffer(), copied and compared as
+/// opaque bytes, with no conversion either way. The page item's size is that byte count.
 ///
 /// As with the UTF-8 string: the handle keeps no store pointer and takes a manager or a
 /// container on every call; a null store makes each operation a quiet no-op; the block belongs

@@ -16,9 +16,9 @@ class HXLVirtualMapper;
 /// @ingroup store
 /// @brief The one door to the paged store.
 ///
-/// It owns the paging engine and the page item pool; objects
-/// are named by page items and mapped to addresses between a getAddress (or alloc) and the
-/// matching dismiss. The manager takes no lock: callers serialise calls on one store.
+/// It owns the paging engine and the page item pool; objects are named by page items and mapped to
+/// addresses between a getAddress (or alloc) and the matching dismiss. The manager takes no lock:
+/// callers serialise calls on one store.
 ///
 /// References: each address from alloc or getAddress holds one reference on its object and is
 /// good until the one dismiss that answers it. allocUsingPool leaves none held; free ends the

@@ -51,11 +51,10 @@ public:
 
     /// Makes `item` name a store object holding exactly the `size` bytes at `data`.
     ///
-    /// It is a
-    /// remembered one (no allocation, no reference, what `item` named before is not released),
-    /// or a new one made by the manager's alloc from `item` as it stands, filled and dismissed.
-    /// Null data or size 0 leave `item` alone. A miss evicts at most one entry. The caller's
-    /// block is not kept.
+    /// It is a remembered one (no allocation, no reference, what `item` named before is not
+    /// released), or a new one made by the manager's alloc from `item` as it stands, filled and
+    /// dismissed. Null data or size 0 leave `item` alone. A miss evicts at most one entry. The
+    /// caller's block is not kept.
     void set(const void* data, unsigned int size, HXLVirtualPageItem& item);
     /// Forgets every entry; store objects stay allocated.
     void reset();
