@@ -64,9 +64,9 @@ class HXL_EXPORT HXLThrowable : public std::exception {
 public:
     /// An exception with `text` (copied) and no frame yet.
     explicit HXLThrowable(const char* text);
-    /// Copies text and frames; may throw std::bad_alloc.
+    /// A copy of the text and frames of `other`; may throw std::bad_alloc.
     HXLThrowable(const HXLThrowable&) = default;
-    /// Copies text and frames; may throw std::bad_alloc.
+    /// Replaces text and frames by copies of those of `other`; may throw std::bad_alloc.
     HXLThrowable& operator=(const HXLThrowable&) = default;
     /// Ends the text and the frames.
     ~HXLThrowable() override;
@@ -94,7 +94,7 @@ private:
 /// @brief A failed HXL_ASSERT or HXL_ASSERT_NAMED; the text is the macro call as written.
 class HXL_EXPORT HXLAssertError : public HXLThrowable {
 public:
-    /// `code` is accepted and ignored; `text` is the exception's text.
+    /// An HXLAssertError with `text` as its text; `code` is accepted and ignored.
     HXLAssertError(int code, const char* text);
     /// Adds a frame, then throws a copy of this object as an HXLAssertError. Never returns.
     [[noreturn]] void hurl(const HXLFileLocation& location, const char* function,
@@ -105,7 +105,7 @@ public:
 /// @brief An operation called in a state that does not allow it.
 class HXL_EXPORT HXLIllegalStateError : public HXLThrowable {
 public:
-    /// `code` is accepted and ignored; `text` is the exception's text.
+    /// An HXLIllegalStateError with `text` as its text; `code` is accepted and ignored.
     HXLIllegalStateError(int code, const char* text);
     /// Adds a frame, then throws a copy of this object as an HXLIllegalStateError. Never returns.
     [[noreturn]] void hurl(const HXLFileLocation& location, const char* function,
@@ -116,7 +116,8 @@ public:
 /// @brief Memory or store space ran out. A null text gives "Out of memory".
 class HXL_EXPORT HXLOutOfMemoryError : public HXLThrowable {
 public:
-    /// `code` is accepted and ignored; `text` is the exception's text, null for the fixed one.
+    /// An HXLOutOfMemoryError with `text` as its text, null for the fixed one; `code` is
+    /// accepted and ignored.
     HXLOutOfMemoryError(int code, const char* text);
     /// Adds a frame, then throws a copy of this object as an HXLOutOfMemoryError. Never returns.
     [[noreturn]] void hurl(const HXLFileLocation& location, const char* function,
@@ -288,11 +289,11 @@ public:
     I18NString(const void* buffer, int size, conv converter, void* context);
     /// A copy of `other`.
     I18NString(const I18NString& other);
-    /// Takes the text of `other`, which is empty afterwards.
+    /// A string with the text of `other`, which is empty afterwards.
     I18NString(I18NString&& other) noexcept;
     /// Makes this string a copy of `other`.
     I18NString& operator=(const I18NString& other);
-    /// Takes the text of `other`, which is empty afterwards.
+    /// Replaces this text by that of `other`, which is empty afterwards.
     I18NString& operator=(I18NString&& other) noexcept;
     /// Ends the text and its cache.
     ~I18NString();

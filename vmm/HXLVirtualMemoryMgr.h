@@ -131,9 +131,9 @@ public:
     /// @name Kept for existing callers
     /// @{
 
-    /// Does nothing.
+    /// Does nothing: the store decides itself what leaves memory.
     virtual void pageOut(unsigned int);
-    /// Does nothing.
+    /// Does nothing: dumpMapper takes its flags on each call.
     void setDiagnosticMode(diagflags);
     /// Always null.
     HXLVirtualMapper* getMapper(unsigned long long offset) const;
