@@ -1,17 +1,19 @@
-// The paging engine's optional fast path: a table that the engine publishes and two inline
-// routines that map and dismiss a resident object through it, with no call into the engine.
-//
-// An engine offers the table through tcmalloc_VirtualMemoryPool_FastTable, declared weak in
-// VirtualMemoryPool.h: an engine without it leaves the symbol null, and callers use the plain
-// calls of VirtualMemoryPool. Either way the behaviour is the same; the routines below only decline
-// (return null or false, with nothing changed) for whatever they do not handle, and the caller
-// then makes the plain call, which handles everything.
-//
-// What a hit reads: the table (one line, shared by all hits), the page's entry (16 bytes), the
-// span's hot block (one 64-byte line for the first 32 slots) and the object.
-//
-// The engine takes no lock; neither do these routines: the caller serialises every call on one
-// store, fast or plain.
+/// @file
+/// @ingroup contracts
+/// @brief The paging engine's optional fast path: a table that the engine publishes and inline
+/// routines that map and dismiss a resident object through it, with no call into the engine.
+///
+/// An engine offers the table through tcmalloc_VirtualMemoryPool_FastTable, declared weak in
+/// VirtualMemoryPool.h: an engine without it leaves the symbol null, and callers use the plain
+/// calls of VirtualMemoryPool. Either way the behaviour is the same; the routines below only
+/// decline (return null or false, with nothing changed) for whatever they do not handle, and the
+/// caller then makes the plain call, which handles everything.
+///
+/// What a hit reads: the table (one line, shared by all hits), the page's entry (16 bytes), the
+/// span's hot block (one 64-byte line for the first 32 slots) and the object.
+///
+/// The engine takes no lock; neither do these routines: the caller serialises every call on one
+/// store, fast or plain.
 #ifndef VIRTUALMEMORYFASTPATH_H
 #define VIRTUALMEMORYFASTPATH_H
 
@@ -21,33 +23,41 @@
 
 namespace tcmalloc {
 
-// One byte per slot of a resident span: its object's reference count.
-const unsigned char kFastFreeSlot = 0;     // no object in the slot
-const unsigned char kFastCountZero = 1;    // an object with count 0; count n is 1 + n
-const unsigned char kFastCountTable = 255; // the count (254 or more) is kept elsewhere
+/// @name Count bytes
+/// One byte per slot of a resident span: its object's reference count.
+/// @{
+const unsigned char kFastFreeSlot = 0;     ///< no object in the slot
+const unsigned char kFastCountZero = 1;    ///< an object with count 0; count n is 1 + n
+const unsigned char kFastCountTable = 255; ///< the count (254 or more) is kept elsewhere
+/// @}
 
-// Bits of FastSpan::flags.
+/// Bits of FastSpan::flags.
 enum FastSpanFlag : unsigned char {
-    kFastReferenced = 1, // released since the engine's clock hand last passed the span
-    kFastScan = 2,       // read in file order, not used twice since
-    kFastScanUsed = 4,   // a scan span pinned and released once: its next pin is the engine's
-    kFastFresh = 8,      // came in and not released since: its first release is the engine's
-    kFastWriteSlow = 16, // mapping for writing changes the span's copy state: the engine's
+    kFastReferenced = 1, ///< released since the engine's clock hand last passed the span
+    kFastScan = 2,       ///< read in file order, not used twice since
+    kFastScanUsed = 4,   ///< a scan span pinned and released once: its next pin is the engine's
+    kFastFresh = 8,      ///< came in and not released since: its first release is the engine's
+    kFastWriteSlow = 16, ///< mapping for writing changes the span's copy state: the engine's
 };
 
-// The hot block of a resident span, 64-byte aligned. The slot counts follow the 32-byte head
-// in the same block: counts()[slot], for every slot index that an offset inside the span can
-// give (indices past the last slot read kFastFreeSlot).
+/// @ingroup contracts
+/// @brief The hot block of a resident span, 64-byte aligned.
+///
+/// The slot counts follow the 32-byte head in the same block: counts()[slot], for every slot
+/// index that an offset inside the span can give (indices past the last slot read
+/// kFastFreeSlot). Byte offsets in the comments.
 struct FastSpan {
-    unsigned long long base;    // 0: the offset of the span's first byte
-    unsigned long long divisor; // 8: ceil(2^64 / slot size); 1 for a span of one large object
-    unsigned short pinCount;    // 16: objects of the span whose count is above 0
-    unsigned char flags;        // 18: FastSpanFlag bits
-    unsigned char reserved;     // 19
-    unsigned pageCount;         // 20: pages of the span
-    void* owner;                // 24: the engine's own record of the span
+    unsigned long long base;    ///< 0: the offset of the span's first byte
+    unsigned long long divisor; ///< 8: ceil(2^64 / slot size); 1 for a span of one large object
+    unsigned short pinCount;    ///< 16: objects of the span whose count is above 0
+    unsigned char flags;        ///< 18: FastSpanFlag bits
+    unsigned char reserved;     ///< 19
+    unsigned pageCount;         ///< 20: pages of the span
+    void* owner;                ///< 24: the engine's own record of the span
 
+    /// The slot counts, one byte per slot, behind the head.
     unsigned char* counts() { return reinterpret_cast<unsigned char*>(this) + kCountsOffset; }
+    /// Byte offset of the slot counts in the hot block: the head's size.
     static constexpr std::size_t kCountsOffset = 32;
 };
 static_assert(offsetof(FastSpan, divisor) == 8, "hot block layout");
@@ -56,11 +66,13 @@ static_assert(offsetof(FastSpan, flags) == 18, "hot block layout");
 static_assert(offsetof(FastSpan, owner) == 24, "hot block layout");
 static_assert(sizeof(FastSpan) == FastSpan::kCountsOffset, "hot block layout");
 
-// The slot of byte `delta` of a span whose FastSpan::divisor is `divisor`, and whether the
-// byte starts that slot. With d the slot size and M = ceil(2^64 / d), for delta below 2^32 the
-// high half of M * delta is delta / d and the low half is below M exactly when d divides delta
-// (one multiplication gives both). M = 1 gives slot 0, and a start only at delta 0: a span of
-// one large object.
+/// The slot of byte `delta` of a span whose FastSpan::divisor is `divisor`, and whether the
+/// byte starts that slot.
+///
+/// With d the slot size and M = ceil(2^64 / d), for delta below 2^32 the
+/// high half of M * delta is delta / d and the low half is below M exactly when d divides delta
+/// (one multiplication gives both). M = 1 gives slot 0, and a start only at delta 0: a span of
+/// one large object.
 inline bool fastSlot(unsigned long long delta, unsigned long long divisor, unsigned& slot) {
     __extension__ typedef unsigned __int128 Wide;
     const Wide product = static_cast<Wide>(delta) * divisor;
@@ -68,38 +80,47 @@ inline bool fastSlot(unsigned long long delta, unsigned long long divisor, unsig
     return static_cast<unsigned long long>(product) < divisor;
 }
 
-// One entry per page number of the store. For a page of a resident span, `span` is its hot
-// block and bias + offset is the address of the byte at `offset`; otherwise `span` is null.
+/// @ingroup contracts
+/// @brief One entry per page number of the store.
+///
+/// For a page of a resident span, `span` is its hot block and bias + offset is the address of
+/// the byte at `offset`; otherwise `span` is null.
 struct FastPage {
-    char* bias;
-    FastSpan* span;
+    char* bias;     ///< 0: added to an offset of the page, gives its address
+    FastSpan* span; ///< 8: the hot block of the page's resident span, or null
 };
 static_assert(sizeof(FastPage) == 16, "page entry layout");
 
-// The table an engine publishes: good for the life of its VirtualMemoryPool. The engine keeps
-// its own counts here, so that the routines below keep them exact.
+/// @ingroup contracts
+/// @brief The table an engine publishes: good for the life of its VirtualMemoryPool.
+///
+/// The engine keeps its own counts here, so that the routines below keep them exact. Events are
+/// counted apart, so that a hit adds to counters of its own instead of moving one count up and
+/// down (each would wait for the other's store): objects with a count above 0 are firstPins -
+/// lastUnpins, pinned spans spanPins - spanUnpins. Byte offsets in the comments.
 struct alignas(64) FastTable {
-    FastPage* pages;              // 0: entries by page number (page = offset >> 13)
-    unsigned long long pageCount; // 8: entries in `pages`
-    // Events counted apart, so that a hit adds to counters of its own instead of moving one
-    // count up and down (each would wait for the other's store): objects with a count above 0
-    // are firstPins - lastUnpins, pinned spans spanPins - spanUnpins.
-    unsigned long long firstPins;     // 16: counts that went from 0 to 1
-    unsigned long long lastUnpins;    // 24: counts that went from 1 to 0
-    unsigned long long spanPins;      // 32: pin counts of spans that went from 0 to 1
-    unsigned long long spanUnpins;    // 40: pin counts of spans that went from 1 to 0
-    unsigned long long residentBytes; // 48: bytes of resident spans
-    unsigned long long budget;        // 56: the resident budget in bytes
-    // Misuse the plain calls met and answered by doing nothing: a Dismiss of an object that
-    // holds no reference or of an offset that names no object, a Deallocate of an offset that
-    // names no live object (freed already, or never one). A caller compares the count before
-    // and after its call to turn misuse into an error of its own.
-    unsigned long long misuses;      // 64: misuse seen since the store was made
-    unsigned long long misuseOffset; // 72: the offset of the last one
-    unsigned layout;                 // 80: kFastLayout of the engine that made it
-    unsigned reserved;               // 84
+    FastPage* pages;                  ///< 0: entries by page number (page = offset >> 13)
+    unsigned long long pageCount;     ///< 8: entries in `pages`
+    unsigned long long firstPins;     ///< 16: counts that went from 0 to 1
+    unsigned long long lastUnpins;    ///< 24: counts that went from 1 to 0
+    unsigned long long spanPins;      ///< 32: pin counts of spans that went from 0 to 1
+    unsigned long long spanUnpins;    ///< 40: pin counts of spans that went from 1 to 0
+    unsigned long long residentBytes; ///< 48: bytes of resident spans
+    unsigned long long budget;        ///< 56: the resident budget in bytes
+    /// 64: misuse seen since the store was made.
+    ///
+    /// Misuse is what the plain calls met and answered by doing nothing: a Dismiss of an object
+    /// that holds no reference or of an offset that names no object, a Deallocate of an offset
+    /// that names no live object (freed already, or never one). A caller compares the count
+    /// before and after its call to turn misuse into an error of its own.
+    unsigned long long misuses;
+    unsigned long long misuseOffset; ///< 72: the offset of the last one
+    unsigned layout;                 ///< 80: kFastLayout of the engine that made it
+    unsigned reserved;               ///< 84
 
+    /// A page number is an offset shifted right by this: pages of 8 KiB.
     static constexpr unsigned kPageShift = 13;
+    /// The version of this layout, which `layout` holds.
     static constexpr unsigned kFastLayout = 1;
 };
 static_assert(offsetof(FastTable, firstPins) == 16, "fast table layout");
@@ -107,8 +128,8 @@ static_assert(offsetof(FastTable, budget) == 56, "fast table layout: what a hit 
 static_assert(offsetof(FastTable, misuses) == 64, "fast table layout");
 static_assert(offsetof(FastTable, layout) == 80, "fast table layout");
 
-// The count byte of the object at `offset` in a resident span, or null when the offset is in
-// no resident span or is not the start of a slot. Counts of free slots read kFastFreeSlot.
+/// The count byte of the object at `offset` in a resident span, or null when the offset is in
+/// no resident span or is not the start of a slot. Counts of free slots read kFastFreeSlot.
 inline unsigned char* fastCount(const FastTable& table, unsigned long long offset, FastSpan*& span,
                                 const FastPage*& entry) {
     const unsigned long long page = offset >> FastTable::kPageShift;
@@ -125,9 +146,9 @@ inline unsigned char* fastCount(const FastTable& table, unsigned long long offse
     return span->counts() + slot;
 }
 
-// The address of the live resident object at `offset`, with its count raised by 1, when that
-// needs nothing of the engine; otherwise null with nothing changed, and the caller makes the
-// plain GetAddress call (which also answers every offset that names no object).
+/// The address of the live resident object at `offset`, with its count raised by 1, when that
+/// needs nothing of the engine; otherwise null with nothing changed, and the caller makes the
+/// plain GetAddress call (which also answers every offset that names no object).
 inline void* fastMap(FastTable& table, unsigned long long offset, bool forWriting) {
     FastSpan* span;
     const FastPage* entry;
@@ -150,9 +171,9 @@ inline void* fastMap(FastTable& table, unsigned long long offset, bool forWritin
     return entry->bias + offset;
 }
 
-// Lowers the count of the resident object at `offset` by 1 when that needs nothing of the
-// engine and gives true; otherwise false with nothing changed, and the caller makes the plain
-// Dismiss call (which also answers misuse: no reference held, no object).
+/// Lowers the count of the resident object at `offset` by 1 when that needs nothing of the
+/// engine and gives true; otherwise false with nothing changed, and the caller makes the plain
+/// Dismiss call (which also answers misuse: no reference held, no object).
 inline bool fastDismiss(FastTable& table, unsigned long long offset) {
     FastSpan* span;
     const FastPage* entry;
@@ -179,11 +200,11 @@ inline bool fastDismiss(FastTable& table, unsigned long long offset) {
     return true;
 }
 
-// Maps the object at `to` and gives back one reference on the object at `from`, as fastMap and
-// then fastDismiss would, when both lie in one resident span and neither needs the engine;
-// otherwise null with nothing changed, and the caller maps and dismisses as usual. Moving a
-// reference along a list this way changes no count of the table: while `from` is held the
-// span stays pinned throughout.
+/// Maps the object at `to` and gives back one reference on the object at `from`, as fastMap and
+/// then fastDismiss would, when both lie in one resident span and neither needs the engine;
+/// otherwise null with nothing changed, and the caller maps and dismisses as usual. Moving a
+/// reference along a list this way changes no count of the table: while `from` is held the
+/// span stays pinned throughout.
 inline void* fastMove(FastTable& table, unsigned long long from, unsigned long long to,
                       bool forWriting) {
     FastSpan* span;
