@@ -119,55 +119,49 @@ struct MapStore {
     std::vector<unsigned long long> keys;
 };
 
-// 1, 2. Hits.
-void managerHits(benchmark::State& state, unsigned count) {
-    ManagerStore store(count);
+// 1, 2. Hits: `hit(index)` maps object `index`, reads its first byte and lets it go.
+template <class Hit> void hits(benchmark::State& state, unsigned count, Hit hit) {
     const std::vector<unsigned> order = accessOrder(count);
     const unsigned long long expected = expectedSum(order);
     for (auto _ : state) {
         unsigned long long sum = 0;
-        for (unsigned index : order) {
-            const unsigned long long offset = store.offsets[index];
-            sum += *static_cast<unsigned char*>(store.memMgr.getAddress(offset, 1));
-            store.memMgr.dismiss(offset);
-        }
+        for (unsigned index : order)
+            sum += hit(index);
         check(sum, expected);
     }
     state.SetItemsProcessed(state.iterations() * kAccesses);
+}
+
+void managerHits(benchmark::State& state, unsigned count) {
+    ManagerStore store(count);
+    hits(state, count, [&](unsigned index) {
+        const unsigned long long offset = store.offsets[index];
+        const unsigned char byte = *static_cast<unsigned char*>(store.memMgr.getAddress(offset, 1));
+        store.memMgr.dismiss(offset);
+        return byte;
+    });
 }
 
 void engineHits(benchmark::State& state, unsigned count) {
     EngineStore store(count);
-    const std::vector<unsigned> order = accessOrder(count);
-    const unsigned long long expected = expectedSum(order);
-    for (auto _ : state) {
-        unsigned long long sum = 0;
-        for (unsigned index : order) {
-            tcmalloc::PageItem item{store.offsets[index]};
-            sum += *static_cast<unsigned char*>(store.pool.GetAddress(item, true));
-            store.pool.Dismiss(item);
-        }
-        check(sum, expected);
-    }
-    state.SetItemsProcessed(state.iterations() * kAccesses);
+    hits(state, count, [&](unsigned index) {
+        tcmalloc::PageItem item{store.offsets[index]};
+        const unsigned char byte = *static_cast<unsigned char*>(store.pool.GetAddress(item, true));
+        store.pool.Dismiss(item);
+        return byte;
+    });
 }
 
 void mapHits(benchmark::State& state, unsigned count) {
     MapStore store(count);
-    const std::vector<unsigned> order = accessOrder(count);
-    const unsigned long long expected = expectedSum(order);
-    for (auto _ : state) {
-        unsigned long long sum = 0;
-        for (unsigned index : order) {
-            TableObject& object = store.table.find(store.keys[index])->second;
-            ++object.refs;
-            benchmark::DoNotOptimize(object.refs);
-            sum += object.bytes[0];
-            --object.refs;
-        }
-        check(sum, expected);
-    }
-    state.SetItemsProcessed(state.iterations() * kAccesses);
+    hits(state, count, [&](unsigned index) {
+        TableObject& object = store.table.find(store.keys[index])->second;
+        ++object.refs;
+        benchmark::DoNotOptimize(object.refs);
+        const unsigned char byte = object.bytes[0];
+        --object.refs;
+        return byte;
+    });
 }
 
 void BM_ManagerHitHot(benchmark::State& state) {
