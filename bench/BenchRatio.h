@@ -51,4 +51,20 @@ inline void printSpeedRatio(const MedianReporter& reporter, const char* subject,
     std::cout << "\n";
 }
 
+// Prints how many times the baseline's median time `subject` takes (1.0 is parity, lower is
+// better), against a target given as the largest acceptable such figure (none when it is 0).
+inline void printCost(const MedianReporter& reporter, const char* subject, const char* baseline,
+                      double target, const char* what) {
+    const auto s = reporter.medians.find(subject);
+    const auto b = reporter.medians.find(baseline);
+    if (s == reporter.medians.end() || b == reporter.medians.end())
+        return; // filtered out
+    const double ratio = s->second / b->second;
+    std::cout << what << ": " << subject << " / " << baseline << " = " << ratio;
+    if (target > 0)
+        std::cout << " (target <= " << target << ", " << (ratio <= target ? "met" : "NOT met")
+                  << ")";
+    std::cout << "\n";
+}
+
 #endif

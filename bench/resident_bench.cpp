@@ -226,18 +226,6 @@ void BM_MallocFree(benchmark::State& state) {
         [](void*& block) { std::free(block); });
 }
 
-// How many times the baseline's median time `subject` takes (1.0 is parity; lower is better).
-void printCost(const MedianReporter& reporter, const char* subject, const char* baseline,
-               double target, const char* what) {
-    const auto s = reporter.medians.find(subject);
-    const auto b = reporter.medians.find(baseline);
-    if (s == reporter.medians.end() || b == reporter.medians.end())
-        return; // filtered out
-    const double ratio = s->second / b->second;
-    std::cout << what << ": " << subject << " / " << baseline << " = " << ratio
-              << " (target <= " << target << ", " << (ratio <= target ? "met" : "NOT met") << ")\n";
-}
-
 } // namespace
 
 BENCHMARK(BM_ManagerHitHot)->Repetitions(kRepetitions)->ReportAggregatesOnly(true);

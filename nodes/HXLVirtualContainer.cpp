@@ -57,7 +57,8 @@ HXLVirtualPersistNode* HXLVirtualContainer::createNode(unsigned int classId) {
 }
 
 HXLVirtualPersistNode* HXLVirtualContainer::getNodeSlow(unsigned long long offset) {
-    void* node = getAddress(offset, 1);
+    // The fast path has declined already: straight to the manager's own call.
+    void* node = m_memoryMgr->getAddressSlow(offset, 1);
     if (node == NULL && offset != HXLVirtualPageItem::kInvalidOffset)
         HXL_THROW(HXLOutOfMemoryError(0, NULL), "HXLVirtualContainer::getNode");
     return static_cast<HXLVirtualPersistNode*>(node);

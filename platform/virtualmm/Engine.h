@@ -189,7 +189,7 @@ struct Span {
     unsigned short liveCount; // slots holding an object (at most 512)
     unsigned firstPage;       // page numbers are 32-bit: a store spans at most 32 TiB of offsets
     unsigned elementSize;     // slot size; 0 for a span of one large object
-    unsigned spare;
+    unsigned padding;
     unsigned pageCount;  // pages of the span
     unsigned char state; // SpanState
     unsigned char flags; // SpanFlag bits
