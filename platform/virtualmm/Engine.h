@@ -1,7 +1,8 @@
 // The paging engine's internal header: its design, its records and the engine class. The
 // engine is spread over VirtualMemoryPool.cpp (the calls of the interface), Spans.cpp (spans,
 // size classes, the clock ring, the checker) and Paging.cpp (leaving memory and coming back);
-// PageFile.h has the page file and Fingerprint.h the fingerprint.
+// PageFile.h has the page file, SpanMemory.h the memory spans live in, and Fingerprint.h the
+// fingerprint.
 //
 //
 // Glossary
@@ -90,6 +91,10 @@
 //      kKeptEmptySpans of them per class, so that allocation and deallocation in bursts reuse
 //      spans instead of making and releasing them. Kept spans count against the budget like any
 //      other; the sweep releases an empty span instead of writing it.
+//  17. Span buffers come from the store's span arena (SpanMemory.h, rules M1-M6), which never
+//      clears them: a new object holds zeros or bytes this store held before, so the page file
+//      receives nothing from outside the store. What the arena cannot hold comes from the
+//      process heap, cleared; Verify checks the arena's runs against the resident spans.
 //
 // Span states (the record's `state`; pinned is a resident state with a pin count above 0 and
 // keeps it) and the functions that move a span between them; every move goes through
@@ -118,6 +123,7 @@
 
 #include "Fingerprint.h"
 #include "PageFile.h"
+#include "SpanMemory.h"
 
 #include <algorithm>
 #include <climits>
@@ -150,9 +156,7 @@ const unsigned kMaxSmallSize = 8192; // larger objects get spans of their own
 const unsigned kClassGranule = 16;   // sizes are rounded to 16 bytes; addresses aligned
 const unsigned kMaxSpanPages = 8;    // a small-object span is at most 64 KiB
 const unsigned short kLargeClass = 0xFFFF;
-const unsigned kCachedBufferPages = 32;               // span buffers up to 256 KiB are recycled
-const unsigned long long kBufferCacheBytes = 2 << 20; // at most this much kept for reuse
-const unsigned long long kIoRunBytes = 256 << 10;     // eviction batch and read-ahead run
+const unsigned long long kIoRunBytes = 256 << 10; // eviction batch and read-ahead run
 const unsigned char kFreeSlot = kFastFreeSlot;
 const unsigned char kCountZero = kFastCountZero; // count n is kCountZero + n
 const unsigned char kCountInTable = kFastCountTable;
@@ -339,53 +343,6 @@ public:
 private:
     Span* m_hand = nullptr; // the next span the sweep looks at; null when the ring is empty
     unsigned long long m_size = 0;
-};
-
-// The buffers of resident spans. Freed buffers are kept (up to kBufferCacheBytes) for the next
-// page-in: giving them back to the process heap at once costs page faults when the heap returns
-// them to the system.
-class SpanMemory {
-public:
-    SpanMemory() {
-        // Room for every buffer the cache may keep, so that give, called half-way through
-        // moving a span out of memory, never allocates.
-        for (unsigned pages = 1; pages <= kCachedBufferPages; ++pages)
-            m_cached[pages].reserve((kBufferCacheBytes >> kPageShift) / pages);
-    }
-    ~SpanMemory() {
-        for (std::vector<char*>& bucket : m_cached)
-            for (char* buffer : bucket)
-                std::free(buffer);
-    }
-    SpanMemory(const SpanMemory&) = delete;
-    SpanMemory& operator=(const SpanMemory&) = delete;
-
-    // A buffer of `pages` pages, or null; `recycled` tells whether it held a span before (its
-    // bytes are then initialised, though not zero).
-    char* take(unsigned pages, bool& recycled) {
-        recycled = pages <= kCachedBufferPages && !m_cached[pages].empty();
-        if (recycled) {
-            char* buffer = m_cached[pages].back();
-            m_cached[pages].pop_back();
-            m_cachedBytes -= static_cast<unsigned long long>(pages) << kPageShift;
-            return buffer;
-        }
-        return static_cast<char*>(std::malloc(static_cast<size_t>(pages) << kPageShift));
-    }
-    // Takes back a buffer from take; never allocates.
-    void give(char* memory, unsigned pages) {
-        const unsigned long long bytes = static_cast<unsigned long long>(pages) << kPageShift;
-        if (pages <= kCachedBufferPages && m_cachedBytes + bytes <= kBufferCacheBytes) {
-            m_cached[pages].push_back(memory);
-            m_cachedBytes += bytes;
-            return;
-        }
-        std::free(memory);
-    }
-
-private:
-    std::vector<std::vector<char*>> m_cached{kCachedBufferPages + 1}; // by page count
-    unsigned long long m_cachedBytes = 0;
 };
 
 // The figures ExtractStats reports that the rest of the engine does not keep anyway.

@@ -196,8 +196,7 @@ std::size_t VirtualMemoryPool::Engine::readRun(const Span* span) {
     m_pieces.clear();
     m_hots.clear();
     for (Span* member : m_run) {
-        bool recycled;
-        char* memory = m_memory.take(member->pageCount, recycled);
+        char* memory = m_memory.take(member->pageCount);
         FastSpan* hot = memory ? takeHot(member->classIndex) : nullptr;
         if (hot == nullptr) {
             if (memory != nullptr)

@@ -23,7 +23,8 @@ namespace {
 
 } // namespace
 
-VirtualMemoryPool::Engine::Engine(unsigned long long budget, const char* path) : m_file(path) {
+VirtualMemoryPool::Engine::Engine(unsigned long long budget, const char* path)
+    : m_file(path), m_memory(budget == 0 ? kPageSize : budget) {
     m_table.budget = budget == 0 ? kPageSize : budget;
     for (unsigned bits = 0; bits < 256; ++bits) // bit i of a byte -> byte i (little-endian)
         for (unsigned bit = 0; bit < 8; ++bit)
@@ -72,13 +73,14 @@ VirtualMemoryPool::Engine::Engine(unsigned long long budget, const char* path) :
 
 VirtualMemoryPool::Engine::~Engine() {
     // Every object ends with the store: no write, no check of references. Records and slot
-    // counts go with the record arena.
+    // counts go with the record arena, span buffers in the span arena with the span memory.
     for (unsigned long long page = 0; page < m_fastPages.size(); ++page) {
         Span* span = recordAt(page);
         if (span == nullptr)
             continue;
         page += span->pageCount - 1; // the span's other pages name it too
-        std::free(span->memory);     // null when paged out
+        if (span->resident())
+            m_memory.give(span->memory, span->pageCount); // frees a buffer from the heap
     }
 }
 
@@ -143,7 +145,6 @@ void VirtualMemoryPool::Engine::leaveMemory(Span* span) {
 }
 
 Span* VirtualMemoryPool::Engine::newSpan(unsigned short classIndex, unsigned pages) {
-    const unsigned long long bytes = static_cast<unsigned long long>(pages) << kPageShift;
     const unsigned words = classIndex == kLargeClass ? 1 : m_classes[classIndex].words;
     const std::size_t recordSize = sizeof(Span) + 8 * words;
     // Page numbers are 32-bit; a store that would pass them gives null.
@@ -155,8 +156,7 @@ Span* VirtualMemoryPool::Engine::newSpan(unsigned short classIndex, unsigned pag
     if (m_pageNumbers.end() + pages > m_fastPages.size() &&
         !resizePageMap(m_pageNumbers.end() + pages))
         return nullptr;
-    bool recycled;
-    char* memory = m_memory.take(pages, recycled);
+    char* memory = m_memory.take(pages);
     FastSpan* hot = memory != nullptr ? takeHot(classIndex) : nullptr;
     Span* span = hot != nullptr ? static_cast<Span*>(m_records.take(recordSize)) : nullptr;
     unsigned long long firstPage = 0;
@@ -175,10 +175,6 @@ Span* VirtualMemoryPool::Engine::newSpan(unsigned short classIndex, unsigned pag
             m_memory.give(memory, pages);
         return nullptr;
     }
-    // Fresh memory is cleared so that a page file never receives uninitialised bytes; a
-    // recycled buffer holds old bytes of this store, which are as good.
-    if (!recycled)
-        std::memset(memory, 0, bytes);
     std::memset(static_cast<void*>(span), 0, recordSize);
     span->firstPage = static_cast<unsigned>(firstPage);
     span->pageCount = pages;
@@ -315,7 +311,7 @@ void VirtualMemoryPool::Engine::checkSpan(const Span* span) const {
 
 void VirtualMemoryPool::Engine::verify() const {
     unsigned long long resident = 0, outstanding = 0, objects = 0, bigCounts = 0;
-    unsigned long long pagesMapped = 0, filePages = 0, slots = 0;
+    unsigned long long pagesMapped = 0, filePages = 0, slots = 0, arenaPages = 0;
     VMM_CHECK(m_table.pages == m_fastPages.data() && m_table.pageCount == m_fastPages.size(),
               m_table.pageCount);
     std::vector<unsigned> emptySpans(m_classes.size(), 0);
@@ -332,6 +328,8 @@ void VirtualMemoryPool::Engine::verify() const {
         checkSpan(span);
         if (span->resident()) {
             resident += span->bytes();
+            if (m_memory.inArena(span->memory))
+                arenaPages += span->pageCount;
             for (unsigned slot = 0; slot < slotCount(span); ++slot) {
                 outstanding += span->counts()[slot] > kCountZero;
                 bigCounts += span->counts()[slot] == kCountInTable;
@@ -378,6 +376,7 @@ void VirtualMemoryPool::Engine::verify() const {
     VMM_CHECK(pagesMapped + m_pageNumbers.freeUnits() + 1 == m_pageNumbers.end(), pagesMapped);
     VMM_CHECK(filePages == m_file.pagesInUse(), filePages); // rule 6 and P2
     VMM_CHECK(slots == m_file.ownerCount(), slots);
+    VMM_CHECK(m_memory.consistent(arenaPages), arenaPages); // rule M2
 }
 
 } // namespace tcmalloc
