@@ -1,6 +1,6 @@
 // What the library's fuzz targets share: reading the input as a program, failing loudly, the
-// store's count of objects that still hold a reference, the bytes objects and files are filled
-// with, and the paging engine's figures.
+// store's count of objects that still hold a reference and its page file, the bytes objects and
+// files are filled with, and the paging engine's figures.
 // Each target's one-input function is its model; the test program of its subsystem compiles it
 // in and runs it on seeded inputs, so a check throws rather than aborts (under libFuzzer the
 // exception ends the run all the same, and the input is kept).
@@ -10,6 +10,8 @@
 #include "HXLVirtualMemoryMgr.h"
 #include "VirtualMemoryPool.h"
 
+#include <dirent.h>
+#include <unistd.h>
 #include <zlib.h>
 
 #include <cstddef>
@@ -51,6 +53,35 @@ inline unsigned long long heldReferences(HXLVirtualMemoryMgr& memMgr) {
     const std::string marker = "Total Objects with reference count > 0 : ", text = report.str();
     const std::string::size_type at = text.find(marker);
     return at == std::string::npos ? 0 : std::stoull(text.substr(at + marker.size()));
+}
+
+// The descriptor, in this process, of the page file `name`: unlinked at once but open, so found
+// among the descriptors; -1 if there is none.
+inline int pageFileDescriptor(const std::string& name) {
+    int found = -1;
+    if (DIR* fds = ::opendir("/proc/self/fd")) {
+        while (const dirent* entry = ::readdir(fds)) {
+            char target[4096];
+            const std::string link = std::string("/proc/self/fd/") + entry->d_name;
+            const ssize_t length = ::readlink(link.c_str(), target, sizeof(target));
+            if (length > 0 &&
+                std::string(target, static_cast<size_t>(length)) == name + " (deleted)")
+                found = std::stoi(entry->d_name);
+        }
+        ::closedir(fds);
+    }
+    return found;
+}
+// The page file of `memMgr`, by the name its report gives; -1 before the first page-out.
+inline int pageFileDescriptor(HXLVirtualMemoryMgr& memMgr) {
+    std::ostringstream report;
+    memMgr.dumpMapper(report, HXLVirtualMemoryMgr::eDumpStats);
+    const std::string marker = "Paging File - ", text = report.str();
+    const std::string::size_type at = text.find(marker);
+    if (at == std::string::npos)
+        return -1;
+    const std::string::size_type from = at + marker.size();
+    return pageFileDescriptor(text.substr(from, text.find('\n', from) - from));
 }
 
 // An object's bytes from its seed, with no period a page could hide in.

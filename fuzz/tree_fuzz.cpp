@@ -14,9 +14,6 @@
 #include "HXLVirtualTree.h"
 #include "HXLVirtualUTF8String.h"
 #include "fuzz_util.h"
-#include "page_file_damage.h"
-
-#include <unistd.h>
 
 #include <algorithm>
 #include <set>

@@ -1,4 +1,4 @@
-// libFuzzer target for the paging engine, and its model: the input picks a range of object
+// libFuzzer target for the paging engine, and its model: the input picks a budget and object
 // sizes, then is a program of operations (allocate, pin, move a reference along, rewrite, read,
 // dismiss, deallocate, misuse, read everything back; I/O that fails, fills up, moves a few bytes
 // at a time or is interrupted, reads back damaged bytes or ends early) run against a model on a
@@ -21,8 +21,6 @@
 namespace {
 
 using tcmalloc::PageItem;
-
-const unsigned long long kBudget = 32 * 1024;
 
 struct Object {
     unsigned size, seed, pins;
@@ -64,14 +62,15 @@ const tcmalloc::VirtualMemoryIo kSeam = {seamWrite, seamRead};
 
 class PoolModel {
 public:
-    PoolModel() : m_pool(kBudget, "/tmp"), m_table(tcmalloc_VirtualMemoryPool_FastTable(&m_pool)) {
+    explicit PoolModel(unsigned long long budget)
+        : m_budget(budget), m_pool(budget, "/tmp"),
+          m_table(tcmalloc_VirtualMemoryPool_FastTable(&m_pool)) {
         check(m_table != nullptr, "no fast path published");
         m_pool.SetIo(&kSeam);
         g_fault = kNone;
     }
 
-    void run(FuzzInput& in) {
-        const unsigned smallest = in.byte() % 2 != 0 ? 48 : 4096; // few-slot spans, or mixed
+    void run(FuzzInput& in, unsigned smallest) {
         while (in.more()) {
             const unsigned op = in.byte() % 16, arg = in.byte() | in.byte() << 8;
             const bool fast = (arg & 0x4000) != 0;
@@ -96,7 +95,7 @@ public:
             for (PageItem item{entry.first}; entry.second.pins > 0; --entry.second.pins)
                 m_pool.Dismiss(item);
         check(m_pool.GetOutstandingReferences(nullptr, 0, nullptr) == 0, "unpinned");
-        check(poolStats(m_pool).residentBytes <= kBudget, "back within the budget");
+        check(poolStats(m_pool).residentBytes <= m_budget, "back within the budget");
         m_pool.Verify();
     }
 
@@ -217,6 +216,7 @@ private:
         }
     }
 
+    const unsigned long long m_budget;
     tcmalloc::VirtualMemoryPool m_pool;
     tcmalloc::FastTable* m_table;
     std::map<unsigned long long, Object> m_model;
@@ -227,6 +227,8 @@ private:
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FuzzInput in(data, size);
-    PoolModel().run(in);
+    // A small store of mixed sizes, or one of small objects, many to a span.
+    const unsigned mode = in.byte();
+    PoolModel(mode % 2 != 0 ? 32 * 1024 : 128 * 1024).run(in, mode % 2 != 0 ? 4096 : 48);
     return 0;
 }

@@ -6,7 +6,6 @@
 #include "HXLVirtualChildren.h"
 #include "HXLVirtualFile.h"
 #include "HXLVirtualReference.h"
-#include "page_file_damage.h"
 #include "store_test_util.h"
 
 #include <cerrno>
@@ -45,15 +44,6 @@ void addChildren(HXLVirtualTree& tree, HXLVirtualTreeNode* parent, int count) {
         parent->appendChild(make(tree).get());
 }
 
-// Pushes every unheld object out of memory through the store's small budget.
-void pushOut(HXLVirtualMemoryMgr& memMgr) {
-    for (int i = 0; i < 512; ++i) {
-        HXLVirtualPageItem filler;
-        std::memset(memMgr.alloc(4096, filler), i, 4096);
-        memMgr.dismiss(filler);
-    }
-}
-
 TEST(Faults, ALiveObjectThatCannotComeBackIsAnErrorAndAnEditChangesNothing) {
     HXLVirtualTree tree(64 * 1024, 0, 0);
     HXLVirtualMemoryMgr& memMgr = *tree.getMemoryMgr();
@@ -80,8 +70,9 @@ TEST(Faults, ALiveObjectThatCannotComeBackIsAnErrorAndAnEditChangesNothing) {
     file.open(&memMgr, 0, 4096, false);
     file.write(std::string(10000, 'f').data(), 10000);
     file.seek(0, HXLFmFile::eSeekBegin); // the file holds no page now
-    pushOut(memMgr);
-    ASSERT_TRUE(damagePageFile(memMgr));
+    churn(memMgr, 512, 4096);
+    // The page file cut to nothing: every page-in from it fails its check.
+    ASSERT_EQ(::ftruncate(pageFileDescriptor(memMgr), 0), 0);
 
     const std::vector<HXLVirtualTreeNode*> watched = {root,        parent.get(), first.get(),
                                                       loose.get(), head.get(),   middle.get()};
@@ -184,7 +175,7 @@ TEST(References, ApplicationExceptionsAndEarlyExitsLeaveNoneHeld) {
         }
     };
     grow(root, 0);
-    pushOut(*memMgr);
+    churn(*memMgr, 512, 4096);
 
     // The walk moves one reference along; break, return and a throw give it back.
     std::vector<int> seen;

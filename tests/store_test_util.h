@@ -35,6 +35,16 @@ inline bool pagedOut(HXLVirtualMemoryMgr* memMgr) {
            std::string::npos;
 }
 
+// Writes `count` objects of `size` bytes and lets go of each: with enough of them every unheld
+// object leaves memory.
+inline void churn(HXLVirtualMemoryMgr& memMgr, unsigned count, unsigned size) {
+    for (unsigned i = 0; i < count; ++i) {
+        HXLVirtualPageItem item;
+        std::memset(memMgr.alloc(size, item), 'a' + i % 26, size);
+        memMgr.dismiss(item);
+    }
+}
+
 // A string from UTF-8, and a string as UTF-8 or in another encoding, marked if the length that
 // c_str gives does not end at its NUL.
 inline I18NString text(const std::string& utf8) {

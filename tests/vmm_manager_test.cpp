@@ -7,19 +7,6 @@
 #include <regex>
 #include <unistd.h>
 
-namespace {
-
-// Writes `count` objects of `size` bytes and lets go of each.
-void churn(HXLVirtualMemoryMgr& mgr, unsigned count, unsigned size) {
-    for (unsigned i = 0; i < count; ++i) {
-        HXLVirtualPageItem item;
-        std::memset(mgr.alloc(size, item), 'a' + i % 26, size);
-        mgr.dismiss(item);
-    }
-}
-
-} // namespace
-
 TEST(HXLVirtualMemoryMgr, ConstructorsTakeTheBudgetFromTheirArgument) {
     // 100 objects of 1000 bytes are paged out under a budget of a byte, not of a megabyte;
     // under the default of 0x400000 bytes 600 objects of 8000 bytes are.
