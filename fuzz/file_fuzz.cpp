@@ -4,13 +4,11 @@
 // place (a gap left by a seek reads as whatever it holds, until written), position and length
 // follow the model, and the file holds one reference exactly while a transfer has stopped inside
 // a page. Compressed: what the pages hold must inflate with zlib to the bytes written since the
-// last reset. No reference may outlive the file.
+// last reset. No reference may outlive the file. tests/file_test.cpp runs it on seeded inputs.
 //
 //   cmake --build build/fuzz --target file_fuzz && build/fuzz/fuzz/file_fuzz -max_total_time=600
 #include "HXLVirtualFile.h"
 #include "fuzz_util.h"
-
-#include <zlib.h>
 
 #include <algorithm>
 #include <string>
@@ -20,38 +18,6 @@ namespace {
 
 const unsigned kLimit = 300 * 1024; // bytes a plain file may reach
 const size_t kCompressedLimit = 1 << 20;
-
-// `count` bytes that deflate well (even seed) or not at all (odd seed).
-std::string sample(unsigned count, unsigned seed) {
-    std::string out(count, '\0');
-    unsigned state = seed * 2654435761u + 1;
-    for (unsigned i = 0; i < count; ++i) {
-        state = state * 1103515245u + 12345u;
-        out[i] = static_cast<char>(seed % 2 != 0 ? state >> 16 : 'a' + (i / 7 + seed) % 4);
-    }
-    return out;
-}
-
-// The gzip members of `gz` inflated one behind the other.
-std::string gunzip(const std::string& gz) {
-    std::string out;
-    if (gz.empty())
-        return out;
-    z_stream zs{};
-    int rc = inflateInit2(&zs, 15 + 16);
-    zs.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(gz.data()));
-    zs.avail_in = static_cast<uInt>(gz.size());
-    char buffer[16384];
-    while (rc == Z_OK || (rc == Z_STREAM_END && zs.avail_in > 0 && inflateReset(&zs) == Z_OK)) {
-        zs.next_out = reinterpret_cast<Bytef*>(buffer);
-        zs.avail_out = sizeof buffer;
-        rc = inflate(&zs, Z_NO_FLUSH);
-        out.append(buffer, sizeof buffer - zs.avail_out);
-    }
-    inflateEnd(&zs);
-    check(rc == Z_STREAM_END, "the stored bytes are no whole gzip stream");
-    return out;
-}
 
 void runPlain(FuzzInput& in, HXLVirtualMemoryMgr& store, unsigned openedWith) {
     const unsigned pageSize = openedWith != 0 ? openedWith : 8192;

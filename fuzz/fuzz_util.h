@@ -1,23 +1,31 @@
-// What the library's fuzz targets share: reading the input as a program, failing loudly, and
-// the store's count of objects that still hold a reference.
+// What the library's fuzz targets share: reading the input as a program, failing loudly, the
+// store's count of objects that still hold a reference and its page file, the bytes objects and
+// files are filled with, and the paging engine's figures.
+// Each target's one-input function is its model; the test program of its subsystem compiles it
+// in and runs it on seeded inputs, so a check throws rather than aborts (under libFuzzer the
+// exception ends the run all the same, and the input is kept).
 #ifndef FUZZ_UTIL_H
 #define FUZZ_UTIL_H
 
 #include "HXLVirtualMemoryMgr.h"
+#include "VirtualMemoryPool.h"
+
+#include <dirent.h>
+#include <unistd.h>
+#include <zlib.h>
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
+#include <cstring>
 #include <sstream>
+#include <stdexcept>
 #include <string>
+#include <vector>
 
-// Aborts with `what` unless `ok`: libFuzzer keeps the input that got there.
+// Fails the model with `what` unless `ok`.
 inline void check(bool ok, const char* what) {
-    if (!ok) {
-        std::fprintf(stderr, "fuzz: %s\n", what);
-        std::abort();
-    }
+    if (!ok)
+        throw std::logic_error(what);
 }
 
 // The input, read front to back; 0 once it is used up.
@@ -45,6 +53,91 @@ inline unsigned long long heldReferences(HXLVirtualMemoryMgr& memMgr) {
     const std::string marker = "Total Objects with reference count > 0 : ", text = report.str();
     const std::string::size_type at = text.find(marker);
     return at == std::string::npos ? 0 : std::stoull(text.substr(at + marker.size()));
+}
+
+// The descriptor, in this process, of the page file `name`: unlinked at once but open, so found
+// among the descriptors; -1 if there is none.
+inline int pageFileDescriptor(const std::string& name) {
+    int found = -1;
+    if (DIR* fds = ::opendir("/proc/self/fd")) {
+        while (const dirent* entry = ::readdir(fds)) {
+            char target[4096];
+            const std::string link = std::string("/proc/self/fd/") + entry->d_name;
+            const ssize_t length = ::readlink(link.c_str(), target, sizeof(target));
+            if (length > 0 &&
+                std::string(target, static_cast<size_t>(length)) == name + " (deleted)")
+                found = std::stoi(entry->d_name);
+        }
+        ::closedir(fds);
+    }
+    return found;
+}
+// The page file of `memMgr`, by the name its report gives; -1 before the first page-out.
+inline int pageFileDescriptor(HXLVirtualMemoryMgr& memMgr) {
+    std::ostringstream report;
+    memMgr.dumpMapper(report, HXLVirtualMemoryMgr::eDumpStats);
+    const std::string marker = "Paging File - ", text = report.str();
+    const std::string::size_type at = text.find(marker);
+    if (at == std::string::npos)
+        return -1;
+    const std::string::size_type from = at + marker.size();
+    return pageFileDescriptor(text.substr(from, text.find('\n', from) - from));
+}
+
+// An object's bytes from its seed, with no period a page could hide in.
+inline void fill(void* address, size_t size, unsigned seed) {
+    unsigned char* p = static_cast<unsigned char*>(address);
+    for (size_t i = 0; i < size; ++i)
+        p[i] = static_cast<unsigned char>(seed * 131 + i * 7 + (i >> 8));
+}
+inline bool holds(const void* address, size_t size, unsigned seed) {
+    std::vector<unsigned char> expected(size);
+    fill(expected.data(), size, seed);
+    return size == 0 || std::memcmp(address, expected.data(), size) == 0;
+}
+
+// The engine's figures, without the per-pool part behind them.
+inline tcmalloc::VirtualMemoryStats poolStats(tcmalloc::VirtualMemoryPool& pool) {
+    unsigned long long needed = 0;
+    pool.ExtractStats(nullptr, 0, needed);
+    std::vector<unsigned char> block(needed);
+    pool.ExtractStats(reinterpret_cast<tcmalloc::VirtualMemoryStats*>(block.data()), needed,
+                      needed);
+    tcmalloc::VirtualMemoryStats head;
+    std::memcpy(&head, block.data(), tcmalloc::VirtualMemoryStats::kFixedPoolsOffset);
+    return head;
+}
+
+// `count` bytes that deflate well (even seed) or not at all (odd seed).
+inline std::string sample(size_t count, unsigned seed) {
+    std::string out(count, '\0');
+    unsigned state = seed * 2654435761u + 1;
+    for (size_t i = 0; i < count; ++i) {
+        state = state * 1103515245u + 12345u;
+        out[i] = static_cast<char>(seed % 2 != 0 ? state >> 16 : 'a' + (i / 7 + seed) % 4);
+    }
+    return out;
+}
+
+// The gzip members of `gz` inflated one behind the other; a damaged or cut stream fails.
+inline std::string gunzip(const std::string& gz) {
+    std::string out;
+    if (gz.empty())
+        return out;
+    z_stream zs{};
+    int rc = inflateInit2(&zs, 15 + 16);
+    zs.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(gz.data()));
+    zs.avail_in = static_cast<uInt>(gz.size());
+    char buffer[16384];
+    while (rc == Z_OK || (rc == Z_STREAM_END && zs.avail_in > 0 && inflateReset(&zs) == Z_OK)) {
+        zs.next_out = reinterpret_cast<Bytef*>(buffer);
+        zs.avail_out = sizeof buffer;
+        rc = inflate(&zs, Z_NO_FLUSH);
+        out.append(buffer, sizeof buffer - zs.avail_out);
+    }
+    inflateEnd(&zs);
+    check(rc == Z_STREAM_END, "the stored bytes are no whole gzip stream");
+    return out;
 }
 
 #endif

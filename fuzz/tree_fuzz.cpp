@@ -1,21 +1,19 @@
-// libFuzzer target for tree editing with string members, on a store whose budget holds a few of
-// the nodes, against a model of the links. The input is a program of the seven editing
-// operations, renames and walks, each now and then run with read errors: the page file is
-// overwritten for the time of one operation, so that nothing out of memory can come back, and
-// restored behind it. Such an operation either succeeds as the model says or throws
-// HXLOutOfMemoryError having changed nothing; after every operation no reference is left, and
-// the lists it touched (all of them now and then, names included) match the model.
+// libFuzzer target for tree editing, and its model: nodes of four classes (one with a string
+// member and large enough that few share a span) on a store whose budget holds a fraction of
+// them, against a model of the links. The input is a program of the seven editing operations,
+// renames and dumps, each now and then run with read errors: the page file is overwritten for
+// the time of one operation, so that nothing out of memory can come back, and restored behind
+// it. Such an operation either succeeds as the model says or throws HXLOutOfMemoryError having
+// changed nothing. After every operation no reference is left, the nodes that left a list keep
+// the links they should, and the lists it touched (all of them now and then, names included)
+// match the model, stored images included.
 //
 //   cmake --build build/fuzz --target tree_fuzz && build/fuzz/fuzz/tree_fuzz -max_total_time=600
-#include "HXLVirtualChildren.h"
 #include "HXLVirtualNodeClass.h"
 #include "HXLVirtualReference.h"
 #include "HXLVirtualTree.h"
 #include "HXLVirtualUTF8String.h"
 #include "fuzz_util.h"
-#include "page_file_damage.h"
-
-#include <unistd.h>
 
 #include <algorithm>
 #include <set>
@@ -24,8 +22,17 @@
 
 namespace {
 
-// Large enough that few share a span (the unit of paging, kept in memory whole while any of
-// its nodes is held), so that an edit meets nodes that are out of memory.
+class Book : public HXLVirtualTreeNode {
+    HXL_VIRTUAL_NODE_CLASS(Book)
+};
+// A dump text of its own.
+class Tally : public HXLVirtualTreeNode {
+    HXL_VIRTUAL_NODE_CLASS(Tally)
+    void dump(std::ostream& os) override { os << "[value=" << m_value << "]"; }
+    long long m_value = 0;
+};
+// A name, and large enough that few share a span (the unit of paging, kept in memory whole
+// while any of its nodes is held), so that an edit meets nodes that are out of memory.
 class Item : public HXLVirtualTreeNode {
     HXL_VIRTUAL_NODE_CLASS(Item)
     HXLVirtualUTF8String m_name;
@@ -33,15 +40,19 @@ class Item : public HXLVirtualTreeNode {
 };
 
 typedef HXLVirtualReference<HXLVirtualTreeNode> NodeRef;
-typedef HXLVirtualReference<Item> ItemRef;
 typedef std::vector<int> Ids;
-const int kNodes = 24; // id 0 is the root
+typedef std::vector<unsigned long long> Words;
+const int kNodes = 40; // id 0 is the root; the class is id % 4, as in kClasses
+const char* const kClasses[] = {"HXLVirtualTreeNode", "Book", "Tally", "Item"};
 const unsigned long long kRoot = HXLVirtualPageItem::kInvalidOffset;
 
 std::string utf8(const I18NString& text) {
     int length = 0;
     const char* bytes = text.c_str(NULL, &length, NULL, NULL);
     return std::string(bytes, static_cast<size_t>(length > 0 ? length - 1 : 0));
+}
+unsigned long long addressOf(const void* address) {
+    return reinterpret_cast<unsigned long long>(address);
 }
 
 // Read errors for the time of one operation: the page file is overwritten with a pattern, and
@@ -87,13 +98,17 @@ private:
 class Forest {
 public:
     Forest()
-        : m_tree(32 * 1024, 0, 0), m_parent(kNodes + 1, -1), m_kids(kNodes + 1),
-          m_link(kNodes + 1, 0), m_offset(kNodes + 1, kRoot), m_name(kNodes + 1) {
+        : m_tree(16 * 1024, 0, 0), m_parent(kNodes + 1, -1), m_kids(kNodes + 1),
+          m_kept(kNodes + 1, Words(3)), m_offset(kNodes + 1, kRoot), m_name(kNodes + 1) {
+        const NodeCreator creators[] = {HXLVirtualTreeNode::create, Book::create, Tally::create,
+                                        Item::create};
         for (int id = 1; id <= kNodes; ++id) {
-            ItemRef item(static_cast<Item*>(Item::create(&m_tree)));
-            m_offset[id] = item->getPageOffset();
-            m_name[id] = "node " + std::to_string(id);
-            item->m_name.setString(I18NString(m_name[id].c_str(), NULL, -1, NULL, NULL), &m_tree);
+            NodeRef node(static_cast<HXLVirtualTreeNode*>(creators[id % 4](&m_tree)));
+            m_offset[id] = node->getPageOffset();
+            if (id % 4 == 2)
+                static_cast<Tally*>(node.get())->m_value = id;
+            if (id % 4 == 3)
+                rename(static_cast<Item*>(node.get()), id, "node " + std::to_string(id));
         }
     }
 
@@ -120,10 +135,11 @@ public:
     }
 
 private:
-    // The node `id`, held for the scope of the handle (the root: held with nothing owed).
+    // The node `id`, held for the scope of the handle (the root: held with nothing owed; -1:
+    // null).
     NodeRef hold(int id) {
-        if (id == 0)
-            return NodeRef(NULL, kRoot, m_tree.getRootNode());
+        if (id <= 0)
+            return id == 0 ? NodeRef(NULL, kRoot, m_tree.getRootNode()) : NodeRef();
         return NodeRef(static_cast<HXLVirtualTreeNode*>(m_tree.getNode(m_offset[id])));
     }
     bool inSubtree(int id, int top) const {
@@ -139,19 +155,28 @@ private:
                 found.push_back(id);
         return found.empty() ? -1 : found[in.below(static_cast<unsigned>(found.size()))];
     }
+    // The offset of kids[i], or 0 past either end (i wraps below 0).
+    unsigned long long offsetAt(const Ids& kids, size_t i) const {
+        return i < kids.size() ? m_offset[kids[i]] : 0;
+    }
     void link(int parent, size_t at, const Ids& ids) {
         m_kids[parent].insert(m_kids[parent].begin() + static_cast<long>(at), ids.begin(),
                               ids.end());
-        for (int id : ids) {
+        for (int id : ids)
             m_parent[id] = parent;
-            m_link[id] = parent > 0 ? m_offset[parent] : kRoot;
-        }
         touch(parent);
     }
-    void unlink(int parent, size_t first, size_t last) {
+    // Takes children first..last out of the model; the links they keep: a single node loses
+    // its sibling links unless `keepsLinks` (it was replaced), a longer run keeps all.
+    void unlink(int parent, size_t first, size_t last, bool keepsLinks) {
         Ids& kids = m_kids[parent];
-        for (size_t i = first; i <= last; ++i)
+        const bool keep = keepsLinks || first != last;
+        for (size_t i = first; i <= last; ++i) {
+            m_kept[kids[i]] = {keep ? offsetAt(kids, i - 1) : 0, keep ? offsetAt(kids, i + 1) : 0,
+                               parent > 0 ? m_offset[parent] : kRoot};
             m_parent[kids[i]] = -1;
+            m_touched.insert(kids[i]);
+        }
         kids.erase(kids.begin() + static_cast<long>(first),
                    kids.begin() + static_cast<long>(last) + 1);
         touch(parent);
@@ -160,6 +185,10 @@ private:
         m_touched.insert(id);
         if (id > 0)
             m_touched.insert(std::max(m_parent[id], 0));
+    }
+    void rename(Item* item, int id, const std::string& name) {
+        item->m_name.setString(I18NString(name.c_str(), NULL, -1, NULL, NULL), &m_tree);
+        m_name[id] = name;
     }
 
     void edit(unsigned op, FuzzInput& in) {
@@ -182,88 +211,114 @@ private:
                 op == 1 ? hold(at)->insertAfter(hold(fresh).get())
                         : hold(at)->insertBefore(hold(fresh).get());
             if (op == 5)
-                unlink(parent, k, k);
+                unlink(parent, k, k, true);
             link(parent, op == 2 || op == 5 ? k : k + 1, {fresh});
-        } else if ((op == 3 || op == 4) && at >= 0) {
-            const size_t last = op == 3 ? k : k + in.below(static_cast<unsigned>(kids.size() - k));
-            const bool nullFirst = op == 4 && k == 0 && in.byte() % 2 != 0;
+        } else if ((op == 3 || op == 4) && at >= 0) { // one node, a run, or now and then all
+            const bool whole = op == 4 && in.byte() % 4 == 0;
+            const size_t first = whole ? 0 : k;
+            const size_t last = whole || op == 3
+                                    ? (whole ? kids.size() - 1 : k)
+                                    : k + in.below(static_cast<unsigned>(kids.size() - k));
+            const bool nullFirst = op == 4 && first == 0 && in.byte() % 2 != 0;
             const bool nullLast = op == 4 && last + 1 == kids.size() && in.byte() % 2 != 0;
-            const Ids range(kids.begin() + static_cast<long>(k),
+            const Ids range(kids.begin() + static_cast<long>(first),
                             kids.begin() + static_cast<long>(last) + 1);
-            const bool reachesEnd = last + 1 == kids.size();
-            if (op == 3) {
+            if (op == 3)
                 hold(parent)->removeChild(hold(at).get());
-            } else {
-                NodeRef first = nullFirst ? NodeRef() : hold(range.front());
-                NodeRef end = nullLast ? NodeRef() : hold(range.back());
-                hold(parent)->removeChildren(first.get(), end.get());
-            }
-            unlink(parent, k, last);
-            if (range.size() == 1 || reachesEnd)
-                m_chain = range; // no link into the list: appendChildren may take it
+            else
+                hold(parent)->removeChildren(hold(nullFirst ? -1 : range.front()).get(),
+                                             hold(nullLast ? -1 : range.back()).get());
+            // One node, or a run that reached the end of its list, is a chain with no link into
+            // the list: appendChildren may take it.
+            if (range.size() == 1 || last + 1 == kids.size())
+                m_chain = range;
+            unlink(parent, first, last, false);
         } else if (op == 6 && !m_chain.empty()) {
-            const int head = m_chain.front();
             const int to = pick(in, 0, [this](int id) {
                 return std::none_of(m_chain.begin(), m_chain.end(),
                                     [&](int top) { return inSubtree(id, top); });
             });
-            const bool free = std::all_of(m_chain.begin(), m_chain.end(),
-                                          [this](int id) { return m_parent[id] == -1; });
-            if (to < 0 || !free)
+            if (to < 0 || std::any_of(m_chain.begin(), m_chain.end(),
+                                      [this](int id) { return m_parent[id] != -1; }))
                 return;
-            hold(to)->appendChildren(hold(head).get());
+            hold(to)->appendChildren(hold(m_chain.front()).get());
             link(to, m_kids[to].size(), m_chain);
             m_chain.clear();
-        } else if (op == 7 && fresh + at > -2) {
+        } else if (op == 7 && std::max(fresh, at) > 0 && std::max(fresh, at) % 4 == 3) {
             const int id = std::max(fresh, at);
-            if (id <= 0)
-                return;
             std::string name(in.below(1500), 'a' + static_cast<char>(in.byte() % 26));
-            name += std::to_string(id);
-            static_cast<Item*>(hold(id).get())
-                ->m_name.setString(I18NString(name.c_str(), NULL, -1, NULL, NULL), &m_tree);
-            m_name[id] = name;
+            rename(static_cast<Item*>(hold(id).get()), id, name + std::to_string(id));
             touch(id);
-        } else if (op == 8 && at >= 0) { // a walk with names; under read errors it may fail
-            checkList(parent, true);
+        } else if (op == 8) { // the dump from the root: one line per node, one '-' per level
+            std::string expected = "**Dump of Virtual Tree**\n\n";
+            dumpOf(0, 0, expected);
+            std::ostringstream os;
+            m_tree.dumpTree(NULL, os);
+            check(os.str() == expected + "\n", "the dump");
         }
         if (!m_chain.empty() && std::any_of(m_chain.begin(), m_chain.end(),
                                             [this](int id) { return m_parent[id] != -1; }))
             m_chain.clear(); // a node of it went elsewhere
     }
+    void dumpOf(int id, size_t depth, std::string& out) const {
+        out += std::string(depth, '-') + "Node: Class: " + kClasses[id % 4] +
+               (id % 4 == 2 ? "[value=" + std::to_string(id) + "]\n" : "\n");
+        for (int kid : m_kids[id])
+            dumpOf(kid, depth + 1, out);
+    }
 
-    // The list of `id` against the model: count, order, each child's parent and sibling links,
-    // and (with `names`) each child's name; forwards through HXLVirtualChildren, backwards with
-    // getPreviousSibling(1). Detached nodes keep the parent link they had.
+    // The list of `id` against the model: count, order and the stored image of every child,
+    // walked forwards (the reference moved along, or the sibling got and then this one let go)
+    // and backwards, with each child's parent (the root hidden unless asked for) and, with
+    // `names`, its name. Image words 1-8: offset, container, the parent's offset or the root's
+    // address, first and last child, previous and next sibling, and the count word with bit 31
+    // set under the root. A node in no list keeps the links it had when it left.
     void checkList(int id, bool names) {
         const Ids& kids = m_kids[id];
+        if (id > 0 && m_parent[id] == -1) {
+            NodeRef node = hold(id);
+            check(Words({node->getPreviousSiblingPageItem().getOffset(),
+                         node->getNextSiblingPageItem().getOffset(),
+                         node->getParentPageItem().getOffset()}) == m_kept[id],
+                  "the links of a node in no list");
+        }
         NodeRef owner = hold(id);
-        check(owner->getChildCount() == kids.size(), "child count");
+        check(owner->getChildCount() == kids.size() && owner->hasChildren() == !kids.empty(),
+              "child count");
         size_t i = 0;
-        for (Item* child : HXLVirtualChildren<Item>(owner.get())) {
-            check(i < kids.size() && child->getPageOffset() == m_offset[kids[i]], "order");
-            check(child->getParentPageItem().getOffset() == (id > 0 ? m_offset[id] : kRoot) &&
-                      child->getPreviousSiblingPageItem().getOffset() ==
-                          (i > 0 ? m_offset[kids[i - 1]] : 0),
-                  "links");
-            check(!names || utf8(child->m_name.getString(&m_tree)) == m_name[kids[i]], "name");
-            ++i;
+        for (HXLVirtualTreeNode *c = owner->getFirstChild(), *next; c != NULL; c = next, ++i) {
+            check(i < kids.size(), "too many children");
+            const Ids& own = m_kids[kids[i]];
+            Words words(9);
+            std::memcpy(words.data(), static_cast<const void*>(c), 72);
+            words[8] &= 0xFFFFFFFFu; // the other half is padding
+            check(Words(words.begin() + 1, words.end()) ==
+                      Words({m_offset[kids[i]], addressOf(&m_tree),
+                             id > 0 ? m_offset[id] : addressOf(m_tree.getRootNode()),
+                             offsetAt(own, 0), offsetAt(own, own.size() - 1), offsetAt(kids, i - 1),
+                             offsetAt(kids, i + 1), own.size() | (id > 0 ? 0 : 0x80000000u)}),
+                  "stored image");
+            check(!names || kids[i] % 4 != 3 ||
+                      utf8(static_cast<Item*>(c)->m_name.getString(&m_tree)) == m_name[kids[i]],
+                  "name");
+            HXLVirtualTreeNode* parent = c->getParent(i % 2);
+            check(parent == (id == 0 && i % 2 == 0 ? nullptr : owner.get()), "getParent");
+            if (id > 0)
+                parent->dismiss();
+            next = c->getNextSibling(i % 2);
+            if (i % 2 == 0)
+                c->dismiss();
         }
         check(i == kids.size(), "too few children");
         for (HXLVirtualTreeNode* c = owner->getLastChild(); c != NULL; c = c->getPreviousSibling(1))
             check(i > 0 && c->getPageOffset() == m_offset[kids[--i]], "backwards");
-        if (names)
-            for (int lone = 1; lone <= kNodes; ++lone)
-                if (m_parent[lone] == -1)
-                    check(hold(lone)->getParentPageItem().getOffset() == m_link[lone],
-                          "a detached node's parent link");
     }
 
     HXLVirtualTree m_tree;
     ReadErrors m_errors;
     Ids m_parent; // -1: in no list; 0 is the root
     std::vector<Ids> m_kids;
-    std::vector<unsigned long long> m_link; // the parent link each node holds
+    std::vector<Words> m_kept; // of a node in no list: previous, next and parent link
     std::vector<unsigned long long> m_offset;
     std::vector<std::string> m_name;
     std::set<int> m_touched;

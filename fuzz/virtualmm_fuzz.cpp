@@ -1,150 +1,234 @@
-// libFuzzer target for the paging engine: the input is a program of operations (allocate,
-// map, write, dismiss, deallocate, I/O that fails, reads back damaged bytes or ends early;
-// maps and dismisses through the plain calls or the published fast path, references moved)
-// run against a model on a store with a small budget. Any wrong byte, moved
-// pinned object, wrong count or broken invariant aborts.
+// libFuzzer target for the paging engine, and its model: the input picks a budget and object
+// sizes, then is a program of operations (allocate, pin, move a reference along, rewrite, read,
+// dismiss, deallocate, misuse, read everything back; I/O that fails, fills up, moves a few bytes
+// at a time or is interrupted, reads back damaged bytes or ends early) run against a model on a
+// store with a small budget. Maps and dismisses go through the plain calls or the published fast
+// path. Any wrong byte, moved pinned object, wrong count or broken invariant fails; a failed
+// call is allowed only while the I/O fails.
 //
-//   cmake -S . -B build/fuzz -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_C_COMPILER=clang \
-//         -DHXL_BUILD_FUZZERS=ON -DHXL_BUILD_TESTS=OFF -DHXL_BUILD_BENCHMARKS=OFF
 //   cmake --build build/fuzz --target virtualmm_fuzz && build/fuzz/fuzz/virtualmm_fuzz
 //   -max_total_time=300
 #include "VirtualMemoryFastPath.h"
 #include "VirtualMemoryPool.h"
+#include "fuzz_util.h"
 
+#include <algorithm>
 #include <cerrno>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <map>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
+using tcmalloc::PageItem;
+
 struct Object {
-    unsigned size;
-    unsigned char fill;
-    unsigned pins;
+    unsigned size, seed, pins;
     void* pinnedAt;
 };
+typedef std::map<unsigned long long, Object>::iterator Entry;
 
-// 0: I/O works; 1: every call fails; 2: reads bring back one byte changed; 3: reads end early.
-unsigned g_fault = 0;
+// The I/O seam: every call fails; a disk with room for `g_room` more bytes; reads that bring back
+// one byte changed or end early; calls that move a few bytes at a time and are interrupted.
+enum Fault { kNone, kFailing, kFull, kChangedRead, kShortRead, kChoppy } g_fault;
+long g_room = 0;
+unsigned g_calls = 0;
 long seamWrite(int fd, const void* data, unsigned long count, long long offset) {
-    if (g_fault == 1) {
-        errno = ENOSPC;
+    errno = g_fault == kChoppy ? EINTR : ENOSPC;
+    if (g_fault == kFailing || (g_fault == kFull && g_room <= 0) ||
+        (g_fault == kChoppy && ++g_calls % 3 == 0))
         return -1;
-    }
+    count = std::min<unsigned long>(count, g_fault == kChoppy ? 1000
+                                           : g_fault == kFull ? g_room
+                                                              : count);
+    g_room -= static_cast<long>(count);
     return ::pwrite(fd, data, count, offset);
 }
 long seamRead(int fd, void* data, unsigned long count, long long offset) {
-    if (g_fault == 1 || g_fault == 3) {
-        errno = EIO;
-        return g_fault == 1 ? -1 : 0;
-    }
-    const long n = ::pread(fd, data, count, offset);
-    if (g_fault == 2 && n > 0)
+    errno = g_fault == kChoppy ? EINTR : EIO;
+    if (g_fault == kFailing || (g_fault == kChoppy && ++g_calls % 3 == 0) ||
+        (g_fault == kShortRead && ++g_calls % 2 == 0))
+        return g_fault == kShortRead ? 0 : -1; // an error, or the end of the file
+    const long n = ::pread(fd, data,
+                           g_fault == kChoppy      ? std::min(count, 777ul)
+                           : g_fault == kShortRead ? count / 2
+                                                   : count,
+                           offset);
+    if (g_fault == kChangedRead && n > 0)
         static_cast<unsigned char*>(data)[offset % n] ^= 0x10;
     return n;
 }
+const tcmalloc::VirtualMemoryIo kSeam = {seamWrite, seamRead};
 
-void check(bool ok, const char* what) {
-    if (!ok) {
-        std::fprintf(stderr, "virtualmm_fuzz: %s\n", what);
-        std::abort();
+class PoolModel {
+public:
+    explicit PoolModel(unsigned long long budget)
+        : m_budget(budget), m_pool(budget, "/tmp"),
+          m_table(tcmalloc_VirtualMemoryPool_FastTable(&m_pool)) {
+        check(m_table != nullptr, "no fast path published");
+        m_pool.SetIo(&kSeam);
+        g_fault = kNone;
     }
-}
 
-bool holds(const void* address, unsigned size, unsigned char fill) {
-    const unsigned char* p = static_cast<const unsigned char*>(address);
-    for (unsigned i = 0; i < size; ++i)
-        if (p[i] != static_cast<unsigned char>(fill + i))
-            return false;
-    return true;
-}
+    void run(FuzzInput& in, unsigned smallest) {
+        while (in.more()) {
+            const unsigned op = in.byte() % 16, arg = in.byte() | in.byte() << 8;
+            const bool fast = (arg & 0x4000) != 0;
+            const unsigned size = arg & 0x8000 ? 9000 + arg % 30000 : 1 + arg % smallest;
+            if (op < 4 || m_model.empty())
+                add(size, arg);
+            else
+                edit(op, arg, fast, std::next(m_model.begin(), arg % m_model.size()));
+            unsigned long long total = 0, modelTotal = 0;
+            check(m_pool.GetOutstandingReferences(nullptr, 0, &total) == m_pinned, "pinned count");
+            for (const auto& entry : m_model)
+                modelTotal += entry.second.pins;
+            check(total == modelTotal && poolStats(m_pool).objectsCurrent == m_model.size(),
+                  "counts");
+            m_pool.Verify();
+        }
+        // Once the I/O works and nothing is pinned, every byte comes back and the resident bytes
+        // are within the budget.
+        g_fault = kNone;
+        readAll();
+        for (auto& entry : m_model)
+            for (PageItem item{entry.first}; entry.second.pins > 0; --entry.second.pins)
+                m_pool.Dismiss(item);
+        check(m_pool.GetOutstandingReferences(nullptr, 0, nullptr) == 0, "unpinned");
+        check(poolStats(m_pool).residentBytes <= m_budget, "back within the budget");
+        m_pool.Verify();
+    }
+
+private:
+    bool failing() const { return g_fault != kNone && g_fault != kChoppy; }
+
+    void add(unsigned size, unsigned seed) {
+        PageItem item{0};
+        void* address = m_pool.Allocate(size, item);
+        if (address == nullptr) {
+            check(failing() && item.offset == 0, "allocation failed without an I/O fault");
+            return;
+        }
+        check(m_model.count(item.offset) == 0 && reinterpret_cast<uintptr_t>(address) % 16 == 0,
+              "an offset of a live object handed out again, or a block misaligned");
+        fill(address, size, seed);
+        const unsigned pins = seed & 0x2000 ? 1 : 0; // kept pinned, or let go at once
+        m_model[item.offset] = {size, seed, pins, address};
+        m_pinned += pins;
+        if (pins == 0)
+            m_pool.Dismiss(item);
+    }
+    // Maps `it`, through the fast path first if `fast`; null only under I/O faults.
+    void* map(Entry it, bool fast, bool forWriting) {
+        PageItem item{it->first};
+        void* address = fast ? tcmalloc::fastMap(*m_table, it->first, forWriting) : nullptr;
+        address = address != nullptr ? address : m_pool.GetAddress(item, forWriting);
+        check(address != nullptr || (failing() && it->second.pins == 0), "a mapping failed");
+        check(address == nullptr || it->second.pins == 0 || address == it->second.pinnedAt,
+              "a pinned object moved");
+        return address;
+    }
+    void unmap(unsigned long long offset, bool fast) {
+        PageItem item{offset};
+        if (!fast || !tcmalloc::fastDismiss(*m_table, offset))
+            m_pool.Dismiss(item);
+    }
+    void pin(Entry it, void* address) {
+        m_pinned += it->second.pins++ == 0;
+        it->second.pinnedAt = address;
+    }
+    void unpin(Entry it, bool fast) {
+        unmap(it->first, fast);
+        m_pinned -= --it->second.pins == 0;
+    }
+
+    void edit(unsigned op, unsigned arg, bool fast, Entry it) {
+        PageItem item{it->first};
+        if (op < 6) { // pin once, or past the range of a one-byte count and most of the way back
+            const unsigned n = op == 5 && (arg & 0x3000) == 0 ? 300 : 1;
+            for (unsigned i = 0; i < n; ++i) {
+                void* address = map(it, fast, true);
+                if (address == nullptr)
+                    return;
+                check(holds(address, it->second.size, it->second.seed), "wrong bytes");
+                pin(it, address);
+            }
+            for (unsigned i = n / 5 * 4; i > 0; --i)
+                unpin(it, fast);
+        } else if (op == 6) { // move a reference from a held object to the next, as a walk does
+            auto from = it == m_model.begin() ? std::prev(m_model.end()) : std::prev(it);
+            if (from->second.pins == 0)
+                return;
+            void* address = tcmalloc::fastMove(*m_table, from->first, it->first, true);
+            if (address == nullptr && (address = map(it, false, true)) != nullptr)
+                unmap(from->first, false);
+            if (address == nullptr)
+                return;
+            check(holds(address, it->second.size, it->second.seed), "wrong bytes after a move");
+            pin(it, address);
+            m_pinned -= --from->second.pins == 0;
+        } else if (op < 9) { // unpin once or entirely; a dismiss of an unpinned object is misuse
+            unsigned n = op == 7 ? 1 : std::max(it->second.pins, 1u);
+            for (; n > 0 && it->second.pins > 0; --n)
+                unpin(it, fast);
+            if (n > 0) {
+                check(!fast || !tcmalloc::fastDismiss(*m_table, it->first),
+                      "the fast path let go of an object nobody held");
+                m_pool.Dismiss(item);
+            }
+        } else if (op == 9 || op == 10) { // rewrite, or read through a mapping for reading
+            void* address = map(it, fast, op == 9);
+            if (address == nullptr)
+                return;
+            check(holds(address, it->second.size, it->second.seed), "wrong bytes");
+            if (op == 9)
+                fill(address, it->second.size, it->second.seed = arg);
+            unmap(it->first, fast);
+        } else if (op < 13) {
+            m_pool.Deallocate(item);
+            m_pinned -= it->second.pins > 0;
+            m_model.erase(it);
+        } else if (op == 13) { // offsets that name no object, and a size that cannot be had
+            for (unsigned long long bad : {0ULL, ~0ULL, it->first + 1 + arg % 15, 1ULL << 40}) {
+                PageItem wrong{bad};
+                check(m_pool.GetAddress(wrong, true) == nullptr, "an object at a wrong offset");
+                m_pool.Dismiss(wrong);
+                m_pool.Dirty(wrong);
+                m_pool.Deallocate(wrong);
+            }
+            PageItem huge{77};
+            check(m_pool.Allocate(~0ULL, huge) == nullptr && huge.offset == 0, "a huge size");
+        } else if (op == 14) {
+            g_fault = static_cast<Fault>(arg % 12 < 6 ? 0u : arg % 6); // mostly none
+            g_room = arg >> 3;
+        } else {
+            readAll();
+        }
+    }
+    // Every object, in offset order (the page-ins read ahead): null only under I/O faults.
+    void readAll() {
+        for (auto it = m_model.begin(); it != m_model.end(); ++it) {
+            void* address = map(it, false, true);
+            check(address == nullptr || holds(address, it->second.size, it->second.seed),
+                  "wrong bytes on a read of everything");
+            if (address != nullptr)
+                unmap(it->first, false);
+        }
+    }
+
+    const unsigned long long m_budget;
+    tcmalloc::VirtualMemoryPool m_pool;
+    tcmalloc::FastTable* m_table;
+    std::map<unsigned long long, Object> m_model;
+    unsigned long long m_pinned = 0;
+};
 
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    tcmalloc::VirtualMemoryPool pool(32 * 1024, "/tmp");
-    const tcmalloc::VirtualMemoryIo seam = {seamWrite, seamRead};
-    pool.SetIo(&seam);
-    g_fault = 0;
-    std::map<unsigned long long, Object> model;
-    unsigned long long pinned = 0;
-    // Bit 0x4000 of an argument sends a map or dismiss through the published fast path first.
-    tcmalloc::FastTable* table = tcmalloc_VirtualMemoryPool_FastTable(&pool);
-    check(table != nullptr, "no fast path published");
-
-    for (size_t at = 0; at + 3 <= size; at += 3) {
-        const unsigned op = data[at] % 7;
-        const unsigned arg = data[at + 1] | (data[at + 2] << 8);
-        auto pick = [&] { return std::next(model.begin(), arg % model.size()); };
-        tcmalloc::PageItem item{0};
-        if (op == 0 || model.empty()) { // allocate up to ~3 pages, or a large span
-            const unsigned length = op == 0 && (arg & 0x8000) ? 9000 + arg % 30000 : arg % 4097;
-            void* address = pool.Allocate(length, item);
-            if (address == nullptr) {
-                check(g_fault != 0 && item.offset == 0, "allocation failed without an I/O fault");
-                continue;
-            }
-            check(model.count(item.offset) == 0, "offset of a live object handed out again");
-            const unsigned char fill = static_cast<unsigned char>(arg);
-            for (unsigned i = 0; i < length; ++i)
-                static_cast<unsigned char*>(address)[i] = static_cast<unsigned char>(fill + i);
-            model[item.offset] = {length, fill, 1, address};
-            ++pinned;
-        } else if (op <= 2) { // map, check, keep pinned; op 2 may move a reference along
-            auto it = pick();
-            item.offset = it->first;
-            auto from = std::prev(it == model.begin() ? model.end() : it);
-            void* address = nullptr;
-            if (op == 2 && from->second.pins > 0) {
-                address = tcmalloc::fastMove(*table, from->first, it->first, true);
-                if (address != nullptr)
-                    pinned -= --from->second.pins == 0;
-            } else if ((arg & 0x4000) != 0) {
-                address = tcmalloc::fastMap(*table, it->first, true);
-            }
-            if (address == nullptr)
-                address = pool.GetAddress(item, true);
-            if (address == nullptr) {
-                check(g_fault != 0 && it->second.pins == 0, "a mapping failed without a fault");
-                continue;
-            }
-            check(it->second.pins == 0 || address == it->second.pinnedAt, "pinned object moved");
-            check(holds(address, it->second.size, it->second.fill), "wrong bytes");
-            pinned += it->second.pins++ == 0;
-            it->second.pinnedAt = address;
-        } else if (op <= 4) { // dismiss (also of an object with count 0)
-            auto it = pick();
-            item.offset = it->first;
-            if ((arg & 0x4000) == 0 || !tcmalloc::fastDismiss(*table, item.offset))
-                pool.Dismiss(item);
-            else
-                check(it->second.pins > 0, "the fast path let go of an object nobody held");
-            if (it->second.pins > 0)
-                pinned -= --it->second.pins == 0;
-        } else if (op == 5) { // deallocate
-            auto it = pick();
-            item.offset = it->first;
-            pool.Deallocate(item);
-            pinned -= it->second.pins > 0;
-            model.erase(it);
-        } else { // faults on or off
-            g_fault = arg % 4;
-        }
-        check(pool.GetOutstandingReferences(nullptr, 0, nullptr) == pinned, "outstanding count");
-        if ((arg & 0xF000) == 0xF000)
-            pool.Verify();
-    }
-    pool.Verify();
-    g_fault = 0;
-    for (auto& entry : model) {
-        tcmalloc::PageItem item{entry.first};
-        void* address = pool.GetAddress(item, true);
-        check(address != nullptr && holds(address, entry.second.size, entry.second.fill),
-              "final read-back");
-        pool.Dismiss(item);
-    }
+    FuzzInput in(data, size);
+    // A small store of mixed sizes, or one of small objects, many to a span.
+    const unsigned mode = in.byte();
+    PoolModel(mode % 2 != 0 ? 32 * 1024 : 128 * 1024).run(in, mode % 2 != 0 ? 4096 : 48);
     return 0;
 }

@@ -1,66 +1,16 @@
-// The paged file: a store that fails, and the compressed write path, whose stored bytes must be
-// gzip that inflates to what was written. The model of bytes, position, length and mapping is
-// the file fuzz target's (fuzz/file_fuzz.cpp).
-#include "HXLCore.h"
+// The paged file: its model of bytes, position, length, mapping and compressed members
+// (fuzz/file_fuzz.cpp) on seeded programs; a store that fails, and the compressed write path's
+// members, finishes and failures.
 #include "HXLVirtualFile.h"
-#include "HXLVirtualMemoryMgr.h"
+#include "store_test_util.h"
 
-#include <gtest/gtest.h>
-#include <zlib.h>
-
-#include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
-#include <cstring>
-#include <random>
 #include <stdexcept>
-#include <string>
-#include <vector>
 
 #include <sys/resource.h>
 
 namespace {
-
-// Objects of `store` with a reference held, read from the leak check's report. The check is
-// switched on for good: each test program is a process of its own.
-int outstandingReferences(HXLVirtualMemoryMgr& store) {
-    HXLVirtualMemoryMgr::setExceptionOnReferenceLeak(1);
-    try {
-        store.throwExceptionOnReferenceLeak();
-        return 0;
-    } catch (const HXLIllegalStateError& e) {
-        return std::atoi(std::strrchr(e.what(), ':') + 1);
-    }
-}
-
-// Inflates the gzip members of `gz` one behind the other; fails the test on damaged input.
-std::string gunzip(const std::string& gz) {
-    std::string out;
-    z_stream zs{};
-    int rc = inflateInit2(&zs, 15 + 16);
-    zs.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(gz.data()));
-    zs.avail_in = static_cast<uInt>(gz.size());
-    char buffer[4096];
-    // Behind the end of a member the next one follows directly.
-    while (rc == Z_OK || (rc == Z_STREAM_END && zs.avail_in > 0 && inflateReset(&zs) == Z_OK)) {
-        zs.next_out = reinterpret_cast<Bytef*>(buffer);
-        zs.avail_out = sizeof buffer;
-        rc = inflate(&zs, Z_NO_FLUSH);
-        out.append(buffer, sizeof buffer - zs.avail_out);
-    }
-    EXPECT_EQ(rc, Z_STREAM_END) << "damaged or truncated gzip stream";
-    inflateEnd(&zs);
-    return out;
-}
-
-// Random bytes: deflate gets nothing out of them, so its output is as large as its input.
-std::string sample(size_t size, unsigned seed) {
-    std::mt19937 rng(seed);
-    std::string s(size, '\0');
-    std::generate(s.begin(), s.end(), [&rng] { return static_cast<char>(rng()); });
-    return s;
-}
 
 // Records every byte that reaches writeImpl, and can be made to fail there.
 struct RecordingFile : HXLVirtualFile {
@@ -83,6 +33,10 @@ std::string readAll(HXLVirtualFile& file) {
 
 } // namespace
 
+TEST(HXLVirtualFileModel, RandomProgramsAgree) {
+    runModel(200, 3000);
+}
+
 // A file size limit makes the page file's writes fail (EFBIG, with SIGXFSZ ignored) as on a full
 // disk: a page that can be neither made nor brought back raises HXLOutOfMemoryError, and what
 // was stored stays.
@@ -103,7 +57,7 @@ TEST(HXLVirtualFile, AFullStoreRaisesOutOfMemoryAndKeepsWhatWasStored) {
     file.seek(0, HXLFmFile::eSeekBegin);
     EXPECT_THROW(file.read(buffer, 16), HXLOutOfMemoryError);
     EXPECT_THROW(file.write(buffer, 16), HXLOutOfMemoryError);
-    EXPECT_EQ(file.seek(0, HXLFmFile::eSeekCurrent) + outstandingReferences(store), 0);
+    EXPECT_EQ(file.seek(0, HXLFmFile::eSeekCurrent) + heldReferences(store), 0u);
     ::setrlimit(RLIMIT_FSIZE, &saved);
     EXPECT_EQ(file.read(buffer, 16), 16) << "the disk has room again";
     EXPECT_EQ(std::string(buffer, 16), data.substr(0, 16));
@@ -121,7 +75,7 @@ TEST(CompressedFile, MembersInflateToWhatWasWrittenAndResetOrDestructionEndsThem
         EXPECT_EQ(neverOpened.write("x", 1) + neverOpened.read(nullptr, 1), -2) << "no store";
         EXPECT_EQ(neverOpened.getLastErrorNumber(), unsigned(EBADF));
     }
-    EXPECT_EQ(outstandingReferences(store), 0) << "destruction with a compressor running";
+    EXPECT_EQ(heldReferences(store), 0u) << "destruction with a compressor running";
     RecordingFile file;
     file.open(&store, 0, 1000, true);
     EXPECT_EQ(file.close() + file.getLength(), 1) << "no write, no compressor, nothing stored";
@@ -147,7 +101,7 @@ TEST(CompressedFile, MembersInflateToWhatWasWrittenAndResetOrDestructionEndsThem
         file.stored.clear();
         file.write(first.data(), 20000);
         file.reset(disposePages);
-        EXPECT_EQ(file.getLength() + outstandingReferences(store), 0);
+        EXPECT_EQ(file.getLength() + heldReferences(store), 0u);
         ASSERT_EQ(gunzip(file.stored), first.substr(0, 20000));
         file.write("again", 5); // a fresh member from position 0
         file.close();

@@ -1,10 +1,9 @@
-// The three heap allocators: exact layouts and budgets, misuse, damage and refused memory.
-#include "HXLCore.h"
+// The three heap allocators: their model (fuzz/heap_fuzz.cpp) on seeded programs, exact layouts
+// and budgets, misuse, damage and refused memory.
 #include "HXLFixedMemoryPool.h"
 #include "HXLMemoryArena.h"
 #include "HXLMemoryPool.h"
-
-#include <gtest/gtest.h>
+#include "store_test_util.h"
 
 #include <csignal>
 #include <cstdint>
@@ -64,7 +63,7 @@ void churn(HXLMemoryArena& arena, unsigned int size, int n) {
         arena.free(p);
 }
 // The text of what a step throws, followed by the function named at the throw, if any.
-template <class Step> std::string thrown(Step&& step) {
+template <class Step> std::string failure(Step&& step) {
     try {
         step();
     } catch (const HXLThrowable& e) {
@@ -74,6 +73,10 @@ template <class Step> std::string thrown(Step&& step) {
 }
 
 } // namespace
+
+TEST(HeapModel, RandomProgramsAgree) {
+    runModel(300, 3000);
+}
 
 TEST(HXLMemoryPool, BlocksAreCutFromTheHighEndJoinUpAndFollowTheBudget) {
     HXLMemoryPool pool(0, 0);
@@ -86,7 +89,7 @@ TEST(HXLMemoryPool, BlocksAreCutFromTheHighEndJoinUpAndFollowTheBudget) {
     // `second` freed again, as a free block of its own and then joined into the one below.
     for (char* p : {second, empty, first}) {
         pool.free(p);
-        EXPECT_EQ(thrown([&] { pool.free(second); }),
+        EXPECT_EQ(failure([&] { pool.free(second); }),
                   "HXL_ASSERT_NAMED(block < freeStart || block >= freeEnd, \"Block freed twice in "
                   "HXLMemoryPool::free\");");
     }
@@ -98,7 +101,7 @@ TEST(HXLMemoryPool, BlocksAreCutFromTheHighEndJoinUpAndFollowTheBudget) {
     pool.expand(1);
     EXPECT_EQ(stats(pool), "2/131072/131072") << "expand(1) gives a quantum";
     EXPECT_NE(pool.alloc(131072), nullptr);
-    EXPECT_EQ(thrown([&pool] { pool.free(nullptr); }), "HXL_ASSERT(memBlock);");
+    EXPECT_EQ(failure([&pool] { pool.free(nullptr); }), "HXL_ASSERT(memBlock);");
     HXLMemoryPool tiny(1, 0), small(100, 16);
     EXPECT_NE(tiny.alloc(1000), nullptr) << "a budget of 1 is no budget of 0";
     EXPECT_NE(small.alloc(1), nullptr);
@@ -131,7 +134,7 @@ TEST(HXLFixedMemoryPool, StrideCapacityLinksAndRefusedSizes) {
     EXPECT_EQ(*reinterpret_cast<void**>(e1), e0 + 32) << "the link is in the first 8 bytes";
     EXPECT_EQ(pool.alloc(), e1) << "last in, first out";
     for (unsigned int size : {32745u, 0xFFFFFFF8u})
-        EXPECT_EQ(thrown([&] { HXLFixedMemoryPool(size, 1, 1); }),
+        EXPECT_EQ(failure([&] { HXLFixedMemoryPool(size, 1, 1); }),
                   "HXL_ASSERT_NAMED(m_esize <= Chunk::size, \"Specified size for "
                   "HXLFixedMemoryPool is too large.\");");
 }
@@ -162,14 +165,14 @@ TEST(HXLFixedMemoryPoolDeathTest, DamagedHeadersAreReported) {
     std::memset(p0, 0x41, 12); // reaches only the next element's size: not reported
     EXPECT_NO_THROW(pool.free(pool.alloc()));
     std::memset(p0, 0x41, 16); // reaches its filler too
-    EXPECT_EQ(thrown([&] { pool.alloc(); }), hit);
+    EXPECT_EQ(failure([&] { pool.alloc(); }), hit);
     pool.setDetectMemoryOverWrites(0);
-    EXPECT_EQ(thrown([&] { pool.free(p1); }), hit) << "the short test needs no detection";
+    EXPECT_EQ(failure([&] { pool.free(p1); }), hit) << "the short test needs no detection";
     EXPECT_EQ(p1[-2], 0x41) << "a refused free changes nothing";
     void* e = pool.alloc(); // an element freed twice is refused, or aborts
     pool.free(e);
-    EXPECT_EQ(thrown([&] { pool.free(e); }), "HXL_ASSERT_NAMED(rh->m_inUse != 0, \"Element freed "
-                                             "twice in HXLFixedMemoryPool::free\");");
+    EXPECT_EQ(failure([&] { pool.free(e); }), "HXL_ASSERT_NAMED(rh->m_inUse != 0, \"Element freed "
+                                              "twice in HXLFixedMemoryPool::free\");");
     EXPECT_NE(pool.alloc(), pool.alloc()) << "it was linked once";
     pool.free(e);
     pool.setAbortProcessOnMemoryOverWrites(1);
@@ -210,29 +213,29 @@ TEST(HXLMemoryArena, MisuseDamageAndRefusedMemoryAreReported) {
     // The heap refuses a pool, the block set, then a chunk: the budget stays untouched.
     for (std::size_t size : {sizeof(HXLFixedMemoryPool), sizeof(std::set<void*>), 0x8000ul}) {
         g_failSize = size;
-        EXPECT_EQ(thrown([&] {
+        EXPECT_EQ(failure([&] {
                       HXLMemoryArena(2, 0, 0);
                       arena.alloc(8);
                   }),
                   "Out of memory");
     }
     EXPECT_NE(report(arena).find("Memory used: 0, Pool remaining: 262144,"), std::string::npos);
-    EXPECT_EQ(thrown([&] { arena.free(nullptr); }), "HXL_ASSERT(mem);");
+    EXPECT_EQ(failure([&] { arena.free(nullptr); }), "HXL_ASSERT(mem);");
     void* element = arena.alloc(8);
     arena.free(element);
     EXPECT_THROW(arena.free(element), HXLAssertError) << "a bin element freed twice";
     alignas(16) unsigned char forged[24] = {0xE8, 0x03, 0, 0, 0, 0, 1, 0x0E}; // size 1000
     EXPECT_EQ(
-        thrown([&] { arena.free(forged + 8); }),
+        failure([&] { arena.free(forged + 8); }),
         "HXL_ASSERT_NAMED(eraseCount == 1, \"Invalid memory chunk in HXLMemoryArena::free\");");
     arena.setAbortProcessOnMemoryOverWrites(1); // allocSize has no flags: still an assertion
     auto* p = static_cast<unsigned char*>(arena.alloc(100));
     p[-1] = 0;
-    EXPECT_EQ(thrown([&] { arena.free(p); }), "HXL_ASSERT(rh->m_filler3 == 0xE);");
+    EXPECT_EQ(failure([&] { arena.free(p); }), "HXL_ASSERT(rh->m_filler3 == 0xE);");
     arena.setAbortProcessOnMemoryOverWrites(0);
     arena.setDetectMemoryOverWrites(1); // every bin scans: damage in bin 2 stops a non-bin alloc
     std::memset(arena.alloc(24), 0, 32);
-    EXPECT_EQ(thrown([&] { arena.alloc(100); }), "HXL_ASSERT(rh->m_filler3 == 0xE);");
+    EXPECT_EQ(failure([&] { arena.alloc(100); }), "HXL_ASSERT(rh->m_filler3 == 0xE);");
 }
 
 TEST(HXLMemoryArena, HeadersAndTheReport) {

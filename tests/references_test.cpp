@@ -6,7 +6,6 @@
 #include "HXLVirtualChildren.h"
 #include "HXLVirtualFile.h"
 #include "HXLVirtualReference.h"
-#include "page_file_damage.h"
 #include "store_test_util.h"
 
 #include <cerrno>
@@ -45,15 +44,6 @@ void addChildren(HXLVirtualTree& tree, HXLVirtualTreeNode* parent, int count) {
         parent->appendChild(make(tree).get());
 }
 
-// Pushes every unheld object out of memory through the store's small budget.
-void pushOut(HXLVirtualMemoryMgr& memMgr) {
-    for (int i = 0; i < 512; ++i) {
-        HXLVirtualPageItem filler;
-        std::memset(memMgr.alloc(4096, filler), i, 4096);
-        memMgr.dismiss(filler);
-    }
-}
-
 TEST(Faults, ALiveObjectThatCannotComeBackIsAnErrorAndAnEditChangesNothing) {
     HXLVirtualTree tree(64 * 1024, 0, 0);
     HXLVirtualMemoryMgr& memMgr = *tree.getMemoryMgr();
@@ -80,8 +70,9 @@ TEST(Faults, ALiveObjectThatCannotComeBackIsAnErrorAndAnEditChangesNothing) {
     file.open(&memMgr, 0, 4096, false);
     file.write(std::string(10000, 'f').data(), 10000);
     file.seek(0, HXLFmFile::eSeekBegin); // the file holds no page now
-    pushOut(memMgr);
-    ASSERT_TRUE(damagePageFile(memMgr));
+    churn(memMgr, 512, 4096);
+    // The page file cut to nothing: every page-in from it fails its check.
+    ASSERT_EQ(::ftruncate(pageFileDescriptor(memMgr), 0), 0);
 
     const std::vector<HXLVirtualTreeNode*> watched = {root,        parent.get(), first.get(),
                                                       loose.get(), head.get(),   middle.get()};
@@ -103,7 +94,7 @@ TEST(Faults, ALiveObjectThatCannotComeBackIsAnErrorAndAnEditChangesNothing) {
         EXPECT_EQ(thrown(edit.second), lost);
         for (size_t i = 0; i < watched.size(); ++i)
             EXPECT_EQ(image(watched[i]), before[i]) << "node " << i;
-        EXPECT_EQ(outstandingReferences(&memMgr), 5u);
+        EXPECT_EQ(heldReferences(memMgr), 5u);
     }
 
     // Reads raise instead of ending short or reading as empty or unequal.
@@ -130,7 +121,7 @@ TEST(Faults, ALiveObjectThatCannotComeBackIsAnErrorAndAnEditChangesNothing) {
     for (const auto& read : reads) {
         SCOPED_TRACE(read.first);
         EXPECT_EQ(thrown(read.second).substr(0, 22), "memory: Out of memory ");
-        EXPECT_EQ(outstandingReferences(&memMgr), 5u);
+        EXPECT_EQ(heldReferences(memMgr), 5u);
     }
     EXPECT_EQ(os.str(), "**Dump of Virtual Tree**\n\nNode: Class: HXLVirtualTreeNode\n");
     // What is really absent stays null.
@@ -184,12 +175,12 @@ TEST(References, ApplicationExceptionsAndEarlyExitsLeaveNoneHeld) {
         }
     };
     grow(root, 0);
-    pushOut(*memMgr);
+    churn(*memMgr, 512, 4096);
 
     // The walk moves one reference along; break, return and a throw give it back.
     std::vector<int> seen;
     for (Fragile* node : HXLVirtualChildren<Fragile>(root)) {
-        EXPECT_EQ(outstandingReferences(memMgr), 1u);
+        EXPECT_EQ(heldReferences(*memMgr), 1u);
         seen.push_back(node->m_number);
     }
     EXPECT_EQ(seen, std::vector<int>({1, 14, 27}));
@@ -205,41 +196,41 @@ TEST(References, ApplicationExceptionsAndEarlyExitsLeaveNoneHeld) {
     };
     EXPECT_EQ(findTwo(), 2);
     EXPECT_THROW(for (HXLVirtualTreeNode* node : HXLVirtualChildren(root)) if (node) throw 1, int);
-    EXPECT_EQ(outstandingReferences(memMgr), 0u);
+    EXPECT_EQ(heldReferences(*memMgr), 0u);
 
     // A dump that throws deep down, and a stream that fails half way.
     std::ostringstream os;
     EXPECT_THROW(tree.dumpTree(NULL, os), std::runtime_error);
     EXPECT_NE(os.str().find("#19\n"), std::string::npos);
     EXPECT_EQ(os.str().find("#21"), std::string::npos);
-    EXPECT_EQ(outstandingReferences(memMgr), 0u);
+    EXPECT_EQ(heldReferences(*memMgr), 0u);
     ShortBuffer shortBuffer(200);
     std::ostream failing(&shortBuffer);
     failing.exceptions(std::ios::badbit);
     EXPECT_THROW(tree.dumpTree(NULL, failing), std::ios::failure);
-    EXPECT_EQ(outstandingReferences(memMgr), 0u);
+    EXPECT_EQ(heldReferences(*memMgr), 0u);
 
     // onInit that throws: the exception passes on, and the new block stays allocated with its
     // reference held, for the application's onInit to have decided about.
     Fragile::s_throwInInit = true;
     EXPECT_THROW(Fragile::create(&tree), std::runtime_error);
     Fragile::s_throwInInit = false;
-    EXPECT_EQ(outstandingReferences(memMgr), 1u);
+    EXPECT_EQ(heldReferences(*memMgr), 1u);
     memMgr->dismiss(Fragile::s_lastInit);
 
     // The handle itself: moved, released, reset, and a root held without a reference owed.
     NodeRef a(root->getFirstChild()), b;
     b = std::move(a);
-    EXPECT_TRUE(!a && b && outstandingReferences(memMgr) == 1u);
+    EXPECT_TRUE(!a && b && heldReferences(*memMgr) == 1u);
     b = NodeRef(b->getNextSibling(0)); // the next first, then this one goes
-    EXPECT_EQ(outstandingReferences(memMgr), 1u);
+    EXPECT_EQ(heldReferences(*memMgr), 1u);
     HXLVirtualTreeNode* kept = b.release();
-    EXPECT_TRUE(!b && outstandingReferences(memMgr) == 1u);
+    EXPECT_TRUE(!b && heldReferences(*memMgr) == 1u);
     b = NodeRef(kept);
     b.reset();
     NodeRef held(root);
     EXPECT_EQ(held.getOffset(), HXLVirtualPageItem::kInvalidOffset);
-    EXPECT_EQ(outstandingReferences(memMgr), 0u);
+    EXPECT_EQ(heldReferences(*memMgr), 0u);
 }
 
 // At the end of the position range a write that is cut short says why, compressed or not.
@@ -264,7 +255,7 @@ TEST(References, ATransferCutShortAtTheEndOfTheRangeRecordsEFBIG) {
         EXPECT_EQ(file.seek(INT_MIN, HXLFmFile::eSeekCurrent), 0x7FFFFFFE);
         EXPECT_EQ(file.seek(INT_MIN, HXLFmFile::eSeekCurrent), -2);
     }
-    EXPECT_EQ(outstandingReferences(&store), 0u);
+    EXPECT_EQ(heldReferences(store), 0u);
 }
 
 } // namespace

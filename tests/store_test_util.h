@@ -1,5 +1,5 @@
 // What the tests of the core, the store and what is built on it share: the headers, what the
-// mapper report says about references and paging and what an operation throws.
+// mapper report says about paging, what an operation throws, and the driver of the models.
 #ifndef STORE_TEST_UTIL_H
 #define STORE_TEST_UTIL_H
 
@@ -10,6 +10,7 @@
 #include "HXLVirtualTree.h"
 #include "HXLVirtualTreeNode.h"
 #include "HXLVirtualUTF8String.h"
+#include "fuzz_util.h"
 
 #include <gtest/gtest.h>
 
@@ -28,19 +29,20 @@ inline std::string mapperReport(HXLVirtualMemoryMgr& memMgr, int flags) {
     return report.str();
 }
 
-// Objects of the store whose reference count is above 0, from the line the mapper report
-// writes whenever there are any.
-inline unsigned long long outstandingReferences(HXLVirtualMemoryMgr* memMgr) {
-    const std::string marker = "Total Objects with reference count > 0 : ";
-    const std::string text = mapperReport(*memMgr, 0);
-    const std::string::size_type at = text.find(marker);
-    return at == std::string::npos ? 0 : std::stoull(text.substr(at + marker.size()));
-}
-
 // Whether any page of the store has been written out.
 inline bool pagedOut(HXLVirtualMemoryMgr* memMgr) {
     return mapperReport(*memMgr, HXLVirtualMemoryMgr::eDumpStats).find("Page Outs: 0\n") ==
            std::string::npos;
+}
+
+// Writes `count` objects of `size` bytes and lets go of each: with enough of them every unheld
+// object leaves memory.
+inline void churn(HXLVirtualMemoryMgr& memMgr, unsigned count, unsigned size) {
+    for (unsigned i = 0; i < count; ++i) {
+        HXLVirtualPageItem item;
+        std::memset(memMgr.alloc(size, item), 'a' + i % 26, size);
+        memMgr.dismiss(item);
+    }
 }
 
 // A string from UTF-8, and a string as UTF-8 or in another encoding, marked if the length that
@@ -71,6 +73,19 @@ template <class Call> std::string thrown(Call call) {
         return out;
     }
     return "nothing";
+}
+
+// The subsystem's fuzz target, compiled into its test program, run on `inputs` pseudo-random
+// programs of up to `maxSize` bytes, each seeded by its number.
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
+inline void runModel(unsigned inputs, size_t maxSize) {
+    for (unsigned seed = 1; seed <= inputs && !::testing::Test::HasFailure(); ++seed) {
+        std::mt19937 random(seed);
+        std::vector<uint8_t> input(1 + random() % maxSize);
+        for (uint8_t& byte : input)
+            byte = static_cast<uint8_t>(random());
+        EXPECT_NO_THROW(LLVMFuzzerTestOneInput(input.data(), input.size())) << "input " << seed;
+    }
 }
 
 #endif

@@ -40,7 +40,7 @@ TEST(Strings, RoundTripsThroughPagingBlockReuseComparisonsAndNullStores) {
                   Numbers({value.size(), Numbers::value_type(text(value).size()), 3}));
         const void* raw = names[i].getObjectPtr(&container); // the one call that keeps a reference
         ASSERT_EQ(std::memcmp(raw, value.data(), value.size()), 0);
-        ASSERT_EQ(outstandingReferences(memMgr), 1u);
+        ASSERT_EQ(heldReferences(*memMgr), 1u);
         memMgr->dismiss(names[i]);
     }
 
@@ -83,7 +83,7 @@ TEST(Strings, RoundTripsThroughPagingBlockReuseComparisonsAndNullStores) {
         EXPECT_EQ(u1.isEqual(u1, store) + i1.isEqual(i1, store), 0);
     }
     EXPECT_EQ(narrow(u1.getString(&container)) + narrow(i1.getString(&container)), "samesame");
-    EXPECT_EQ(outstandingReferences(memMgr), 0u);
+    EXPECT_EQ(heldReferences(*memMgr), 0u);
 }
 
 } // namespace

@@ -7,19 +7,6 @@
 #include <regex>
 #include <unistd.h>
 
-namespace {
-
-// Writes `count` objects of `size` bytes and lets go of each.
-void churn(HXLVirtualMemoryMgr& mgr, unsigned count, unsigned size) {
-    for (unsigned i = 0; i < count; ++i) {
-        HXLVirtualPageItem item;
-        std::memset(mgr.alloc(size, item), 'a' + i % 26, size);
-        mgr.dismiss(item);
-    }
-}
-
-} // namespace
-
 TEST(HXLVirtualMemoryMgr, ConstructorsTakeTheBudgetFromTheirArgument) {
     // 100 objects of 1000 bytes are paged out under a budget of a byte, not of a megabyte;
     // under the default of 0x400000 bytes 600 objects of 8000 bytes are.
@@ -83,7 +70,7 @@ TEST(HXLVirtualMemoryMgr, AllocFreeInvalidItemsAndTheReferenceLeakCheck) {
     mgr.alloc(24, held);
     mgr.alloc(24, spare);
     mgr.dismiss(spare);
-    const unsigned long long outstanding = outstandingReferences(&mgr);
+    const unsigned long long outstanding = heldReferences(mgr);
     auto misuse = [](const char* call, const char* what, unsigned long long offset) {
         char text[200];
         std::snprintf(text, sizeof(text), "state: %s: %s at store offset 0x%llx <- HXL_THROW %s",
@@ -100,7 +87,7 @@ TEST(HXLVirtualMemoryMgr, AllocFreeInvalidItemsAndTheReferenceLeakCheck) {
     EXPECT_EQ(thrown([&] { mgr.free(stale); }),
               misuse("HXLVirtualMemoryMgr::free", "no live object", stale.getOffset()));
     EXPECT_EQ(stale.empty(), 0); // left as it was
-    EXPECT_EQ(outstandingReferences(&mgr), outstanding);
+    EXPECT_EQ(heldReferences(mgr), outstanding);
     mgr.dismiss(held);
     mgr.free(held);
 
@@ -196,7 +183,7 @@ TEST(HXLVirtualPageItemPool, AgreesWithAnLruModel) {
                       key);
             mgr.dismiss(item);
         }
-        EXPECT_EQ(outstandingReferences(&mgr), 0u) << "a pooled object holds no reference";
+        EXPECT_EQ(heldReferences(mgr), 0u) << "a pooled object holds no reference";
         HXLVirtualPageItem item(77, 5); // null data or size 0 leave an item alone
         mgr.allocUsingPool(nullptr, 16, item);
         mgr.allocUsingPool("block", 0, item);
