@@ -95,6 +95,12 @@
 //      clears them: a new object holds zeros or bytes this store held before, so the page file
 //      receives nothing from outside the store. What the arena cannot hold comes from the
 //      process heap, cleared; Verify checks the arena's runs against the resident spans.
+//  18. Write-behind: a new span that takes its print at its first release in a full store (rule
+//      13) joins the write batch at once and stays resident; when the batch is flushed it is
+//      written while its bytes are likely still in cache and becomes exact, so that the sweep
+//      drops it later without reading it again. Between calls the batch holds only such spans;
+//      one mapped for writing meanwhile is not written, one the sweep reaches becomes an
+//      ordinary victim, one released leaves the batch.
 //
 // Span states (the record's `state`; pinned is a resident state with a pin count above 0 and
 // keeps it) and the functions that move a span between them; every move goes through
@@ -105,7 +111,8 @@
 //   kNoCopy     newSpan; a failed write; keepEmptied      flushBatch writes it -> kPagedOut;
 //                                                         takePrint -> kPrinted
 //   kPrinted    takePrint: the print of its bytes taken   mappedForWriting -> kNoCopy;
-//               on release in a full store                flushBatch -> kPagedOut
+//               on release in a full store                flushBatch -> kPagedOut, or kExact
+//                                                         when written behind (rule 18)
 //   kMaybe      mappedForWriting (Allocate,               chooseVictim: print unchanged ->
 //               GetAddress(true), Dirty) on kExact        kExact and evict; changed ->
 //                                                         flushBatch; takePrint -> kExact or
@@ -175,7 +182,8 @@ enum SpanState : unsigned char {
 // Bits of the record's flags; the hit flags live in the hot block (FastSpanFlag).
 enum SpanFlag : unsigned char {
     kOnNonFullList = 1, // on its class's list of spans with free slots
-    kInBatch = 2,       // chosen by a sweep to be written, still resident
+    kInBatch = 2,       // in the write batch (chosen by a sweep, or written behind), resident
+    kBehind = 4,        // in the write batch to be written behind, staying resident (rule 18)
 };
 
 // A span record (the cold part). The live bitmap follows it in the same allocation: one bit per
@@ -300,6 +308,7 @@ struct BatchEntry {
     Span* span;
     unsigned long long fingerprint;
     bool newSlot;
+    bool stays; // written behind: stays resident with an exact copy (rule 18)
 };
 
 // The clock ring (rule 2): every resident span once, in a circle, with the hand of the sweep.
@@ -456,6 +465,8 @@ private:
     HXL_VMM_COLD bool makeRoom(unsigned long long incoming);
     bool chooseVictim(Span* span);
     bool flushBatch();
+    void writeBehind(Span* span);
+    void leaveBatch(Span* span);
     void evict(Span* span);
     void queueForScan(Span* span);
     HXL_VMM_COLD bool pageIn(Span* span);
@@ -499,8 +510,10 @@ private:
     std::unordered_map<unsigned long long, unsigned> m_bigCounts; // offset -> count >= 255
     ClockRing m_ring;
     SpanMemory m_memory;
-    std::vector<BatchEntry> m_batch; // spans chosen to be written, still resident
-    unsigned long long m_batchBytes = 0;
+    std::vector<BatchEntry> m_batch;      // spans to be written, still resident
+    unsigned long long m_batchBytes = 0;  // of the spans in the batch that leave memory
+    unsigned long long m_behindBytes = 0; // of the spans in the batch that stay (rule 18)
+    unsigned m_behindSpans = 0;
     std::vector<iovec> m_pieces;       // scratch for gathered transfers
     std::vector<Span*> m_run;          // scratch for read-ahead
     std::vector<FastSpan*> m_hots;     // scratch for read-ahead: the runs' hot blocks

@@ -16,8 +16,15 @@ bool VirtualMemoryPool::Engine::makeRoom(unsigned long long incoming) {
     const unsigned long long goal = m_table.budget - spare();
     auto needMore = [&] {
         return m_table.residentBytes - m_batchBytes + incoming > goal &&
-               unpinnedResident() > m_batch.size();
+               unpinnedResident() > m_batch.size() - m_behindSpans;
     };
+    // A span in the batch to be written behind leaves memory with it instead (rule 18).
+    auto choose = [&](Span* span) {
+        if ((span->flags & kBehind) != 0)
+            leaveBatch(span);
+        return chooseVictim(span);
+    };
+    auto chosen = [](const Span* span) { return (span->flags & (kInBatch | kBehind)) == kInBatch; };
     while (needMore() && !m_scanQueue.empty()) {
         const ScanEntry entry = m_scanQueue.front();
         m_scanQueue.pop_front();
@@ -25,18 +32,18 @@ bool VirtualMemoryPool::Engine::makeRoom(unsigned long long incoming) {
         if (!isCurrent(entry) || !span->resident() || (span->hotFlags() & kFastScan) == 0)
             continue; // stale
         span->hotFlags() &= static_cast<unsigned char>(~(kFastScan | kFastScanUsed));
-        if (span->pins() == 0 && (span->flags & kInBatch) == 0 && !chooseVictim(span))
+        if (span->pins() == 0 && !chosen(span) && !choose(span))
             return false;
     }
     while (needMore()) {
         Span* span = m_ring.advance();
-        if (span->pins() > 0 || (span->flags & kInBatch) != 0)
+        if (span->pins() > 0 || chosen(span))
             continue;
         if ((span->hotFlags() & kFastReferenced) != 0) {
             span->hotFlags() &= static_cast<unsigned char>(~kFastReferenced);
             continue;
         }
-        if (!chooseVictim(span))
+        if (!choose(span))
             return false;
     }
     return flushBatch();
@@ -55,10 +62,10 @@ bool VirtualMemoryPool::Engine::chooseVictim(Span* span) {
         const unsigned long long print =
             span->state == kPrinted ? span->fingerprint : fingerprint(span->memory, span->bytes());
         if (span->state != kMaybe || print != span->fingerprint) {
-            m_batch.push_back({span, print, false}); // cannot throw: flushed at capacity
+            m_batch.push_back({span, print, false, false}); // cannot throw: flushed when full
             span->flags |= kInBatch;
             m_batchBytes += span->bytes();
-            if (m_batchBytes >= kIoRunBytes || m_batch.size() == m_batch.capacity())
+            if (m_batchBytes + m_behindBytes >= kIoRunBytes || m_batch.size() == m_batch.capacity())
                 return flushBatch();
             return true;
         }
@@ -69,8 +76,34 @@ bool VirtualMemoryPool::Engine::chooseVictim(Span* span) {
     return true;
 }
 
-// Writes the batch in runs of adjacent file slots; each span written leaves memory.
+// The span, just printed at its first release in a full store, is written with the next batch
+// and stays resident (rule 18).
+void VirtualMemoryPool::Engine::writeBehind(Span* span) {
+    m_batch.push_back({span, span->fingerprint, false, true}); // cannot throw: flushed when full
+    span->flags |= kInBatch | kBehind;
+    m_behindBytes += span->bytes();
+    ++m_behindSpans;
+    if (m_batchBytes + m_behindBytes >= kIoRunBytes || m_batch.size() == m_batch.capacity())
+        flushBatch(); // a failed write leaves the spans with no copy (rule 8)
+}
+
+// Takes a span that was to be written behind out of the batch.
+void VirtualMemoryPool::Engine::leaveBatch(Span* span) {
+    const auto entry = std::find_if(m_batch.begin(), m_batch.end(),
+                                    [span](const BatchEntry& e) { return e.span == span; });
+    m_batch.erase(entry);
+    span->flags &= static_cast<unsigned char>(~(kInBatch | kBehind));
+    m_behindBytes -= span->bytes();
+    --m_behindSpans;
+}
+
+// Writes the batch in runs of adjacent file slots; each span chosen by a sweep leaves memory
+// when written, each span written behind stays with an exact copy.
 bool VirtualMemoryPool::Engine::flushBatch() {
+    // A span to be written behind that was mapped for writing since is left to the sweep.
+    for (std::size_t i = m_batch.size(); i-- > 0;)
+        if (m_batch[i].stays && m_batch[i].span->state != kPrinted)
+            leaveBatch(m_batch[i].span);
     if (m_batch.empty())
         return true;
     const bool opened = m_file.open();
@@ -102,12 +135,13 @@ bool VirtualMemoryPool::Engine::flushBatch() {
         allWritten &= written;
         for (std::size_t i = first; i < end; ++i) {
             Span* span = m_batch[i].span;
-            span->flags &= static_cast<unsigned char>(~kInBatch);
+            span->flags &= static_cast<unsigned char>(~(kInBatch | kBehind));
             if (written) {
                 span->fingerprint = m_batch[i].fingerprint;
                 setState(span, kExact);
                 ++m_counts.pageWrites;
-                evict(span);
+                if (!m_batch[i].stays)
+                    evict(span);
                 continue;
             }
             if (m_batch[i].newSlot)
@@ -117,7 +151,8 @@ bool VirtualMemoryPool::Engine::flushBatch() {
         }
     }
     m_batch.clear();
-    m_batchBytes = 0;
+    m_batchBytes = m_behindBytes = 0;
+    m_behindSpans = 0;
     return allWritten;
 }
 
@@ -233,8 +268,9 @@ void VirtualMemoryPool::Engine::queueForScan(Span* span) {
     span->hotFlags() |= kFastScan;
 }
 
-// Rule 13: the first release of a span that came in, in a full store, takes its fingerprint
-// while its bytes are still in cache, so the sweep need not read them again.
+// Rule 13: the first release of a new span in a full store takes its fingerprint while its
+// bytes are still in cache, and rule 18 writes it with the next batch, so the sweep need not
+// read them again.
 void VirtualMemoryPool::Engine::takePrint(Span* span) {
     span->hotFlags() &= static_cast<unsigned char>(~kFastFresh);
     if (span->state == kExact || m_table.residentBytes + 2 * spare() < m_table.budget)
@@ -246,6 +282,7 @@ void VirtualMemoryPool::Engine::takePrint(Span* span) {
     }
     span->fingerprint = print; // changed: the copy in its slot, if any, is out of date
     setState(span, kPrinted);
+    writeBehind(span);
 }
 
 } // namespace tcmalloc

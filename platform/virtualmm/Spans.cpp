@@ -192,6 +192,8 @@ Span* VirtualMemoryPool::Engine::newSpan(unsigned short classIndex, unsigned pag
 }
 
 void VirtualMemoryPool::Engine::releaseSpan(Span* span) {
+    if ((span->flags & kBehind) != 0)
+        leaveBatch(span);
     if (span->resident())
         leaveMemory(span);
     if (span->fileSlot != kNoSlot)
@@ -299,7 +301,9 @@ void VirtualMemoryPool::Engine::checkSpan(const Span* span) const {
     VMM_CHECK(span->state != kMaybe || span->fileSlot != kNoSlot, base);
     VMM_CHECK(span->state != kExact || span->fileSlot != kNoSlot, base);
     VMM_CHECK(span->fileSlot == kNoSlot || m_file.ownerAt(span->fileSlot) == span, base);
-    VMM_CHECK((span->flags & kInBatch) == 0, base);
+    // Rule 18: between calls the batch holds only spans written behind.
+    VMM_CHECK((span->flags & kInBatch) == 0 || (span->flags & kBehind) != 0, base);
+    VMM_CHECK((span->flags & kBehind) == 0 || (span->flags & kInBatch) != 0, base);
     VMM_CHECK(span->state != kPrinted ||
                   fingerprint(span->memory, span->bytes()) == span->fingerprint,
               base); // rule 13
@@ -372,7 +376,14 @@ void VirtualMemoryPool::Engine::verify() const {
     VMM_CHECK(outstanding == outstandingObjects(), outstanding); // rule 7
     VMM_CHECK(bigCounts == m_bigCounts.size(), bigCounts);
     VMM_CHECK(objects == m_counts.objectsCurrent, objects);
-    VMM_CHECK(m_batch.empty() && m_batchBytes == 0, m_batch.size());
+    unsigned long long behindBytes = 0;
+    for (const BatchEntry& entry : m_batch) {
+        VMM_CHECK(entry.stays && (entry.span->flags & kBehind) != 0, entry.span->firstPage);
+        VMM_CHECK(entry.span->resident(), entry.span->firstPage);
+        behindBytes += entry.span->bytes();
+    }
+    VMM_CHECK(m_batchBytes == 0 && m_behindSpans == m_batch.size(), m_batch.size());
+    VMM_CHECK(behindBytes == m_behindBytes, behindBytes);
     VMM_CHECK(pagesMapped + m_pageNumbers.freeUnits() + 1 == m_pageNumbers.end(), pagesMapped);
     VMM_CHECK(filePages == m_file.pagesInUse(), filePages); // rule 6 and P2
     VMM_CHECK(slots == m_file.ownerCount(), slots);
