@@ -127,7 +127,7 @@ public:
         m_pool.free(p);
         return m_headers != 0;
     }
-    // A grow, or in header mode: wholly free chunks leave, or move back in through grow.
+    // A grow, or in header mode: wholly free chunks leave, back to the heap or in again.
     void upkeep(FuzzInput& in, const Blocks& blocks) {
         const unsigned what = m_headers ? in.byte() % 3 : 0;
         if (what == 0) {
@@ -146,7 +146,9 @@ public:
                       after >= inUse,
                   "trim");
         } else if (void* chunk = m_pool.reclaim(static_cast<int>(in.below(2)))) {
-            m_pool.grow(chunk);
+            // Given back to the heap, the chunk (the current one too) is forgotten: the
+            // capacity check then catches an element handed out from it.
+            in.byte() % 2 ? m_pool.grow(chunk) : ::operator delete(chunk);
         }
     }
     void invariant(const Blocks& blocks) {

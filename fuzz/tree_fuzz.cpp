@@ -42,11 +42,6 @@ typedef std::vector<unsigned long long> Words;
 const int kNodes = 40; // id 0 is the root; the class is id % 4, Item for 3
 const unsigned long long kRoot = HXLVirtualPageItem::kInvalidOffset;
 
-std::string utf8(const I18NString& text) {
-    int length = 0;
-    const char* bytes = text.c_str(NULL, &length, NULL, NULL);
-    return std::string(bytes, static_cast<size_t>(length > 0 ? length - 1 : 0));
-}
 unsigned long long addressOf(const void* address) {
     return reinterpret_cast<unsigned long long>(address);
 }
@@ -183,7 +178,7 @@ private:
             m_touched.insert(std::max(m_parent[id], 0));
     }
     void rename(Item* item, int id, const std::string& name) {
-        item->m_name.setString(I18NString(name.c_str(), NULL, -1, NULL, NULL), &m_tree);
+        item->m_name.setString(text(name), &m_tree);
         m_name[id] = name;
     }
 
@@ -284,7 +279,7 @@ private:
                              offsetAt(kids, i + 1), own.size() | (id > 0 ? 0 : 0x80000000u)}),
                   "stored image");
             check(!names || kids[i] % 4 != 3 ||
-                      utf8(static_cast<Item*>(c)->m_name.getString(&m_tree)) == m_name[kids[i]],
+                      narrow(static_cast<Item*>(c)->m_name.getString(&m_tree)) == m_name[kids[i]],
                   "name");
             HXLVirtualTreeNode* parent = c->getParent(i % 2);
             check(parent == (id == 0 && i % 2 == 0 ? nullptr : owner.get()), "getParent");

@@ -125,21 +125,6 @@ TEST(HXLFixedMemoryPool, StrideCapacityLinksAndRefusedSizes) {
                   "HXLFixedMemoryPool is too large.\"); <- HXL_THROW");
 }
 
-TEST(HXLFixedMemoryPool, ReclaimAndTrimTakeOnlyWhollyFreeChunks) {
-    void* c[3]; // chunks Z, Y and X in the order grown; X, the newest, gets an element in use
-    HXLFixedMemoryPool pool(8, 0, 1);
-    for (void*& chunk : c)
-        pool.grow(chunk = ::operator new(0x8000));
-    pool.alloc();
-    EXPECT_EQ(pool.reclaim(1), c[0]) << "passes X and skips Y";
-    ::operator delete(c[0]);
-    EXPECT_EQ(pool.trim(0), 32768u) << "Y alone";
-    HXLFixedMemoryPool one(8, 0, 1);
-    one.grow(nullptr);
-    ::operator delete(one.reclaim(0));
-    EXPECT_EQ(one.alloc(), nullptr) << "the reclaimed current chunk is forgotten";
-}
-
 // Damage reaching a filler is reported by assertion, or ends the process under the abort flag.
 TEST(HXLFixedMemoryPoolDeathTest, DamagedHeadersAreReported) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");

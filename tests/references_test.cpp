@@ -38,11 +38,12 @@ TEST(Faults, ALiveObjectThatCannotComeBackIsAnError) {
     HXLVirtualTree tree(64 * 1024, 0, 0);
     HXLVirtualMemoryMgr& memMgr = *tree.getMemoryMgr();
     HXLVirtualTreeNode* root = tree.getRootNode();
-    // Held through the fault: a child of the root between lost siblings, a node in no list.
-    NodeRef first = make<Held>(tree), loose = make<Held>(tree);
-    addChildren(tree, root, 2);
-    root->appendChild(first.get());
-    addChildren(tree, root, 3);
+    addChildren(tree, root, 5);
+    // Held through the fault: a parent and its first child, whose siblings are lost, and a node
+    // in no list.
+    NodeRef parent = make<Held>(tree), first = make<Held>(tree), loose = make<Held>(tree);
+    parent->appendChild(first.get());
+    addChildren(tree, parent.get(), 4);
     HXLVirtualUTF8String name;
     HXLVirtualI18NString motto;
     name.setString(text("a name in the store"), &tree);
@@ -69,6 +70,7 @@ TEST(Faults, ALiveObjectThatCannotComeBackIsAnError) {
          }},
         {"a sibling", [&] { first->getNextSibling(0); }},
         {"the dump", [&] { tree.dumpTree(NULL, os); }},
+        {"a dump past a held child", [&] { tree.dumpTree(parent.get(), os); }},
         {"getString", [&] { name.getString(&tree); }},
         {"isEqual with a text", [&] { name.isEqual(text("a name in the store"), &tree); }},
         {"isEqual with a handle", [&] { name.isEqual(same, &memMgr); }},
@@ -79,9 +81,10 @@ TEST(Faults, ALiveObjectThatCannotComeBackIsAnError) {
     for (const auto& read : reads) {
         SCOPED_TRACE(read.first);
         EXPECT_EQ(thrown(read.second).substr(0, 22), "memory: Out of memory ");
-        EXPECT_EQ(heldReferences(memMgr), 2u);
+        EXPECT_EQ(heldReferences(memMgr), 3u);
     }
-    EXPECT_EQ(os.str(), "**Dump of Virtual Tree**\n\nNode: Class: HXLVirtualTreeNode\n");
+    EXPECT_EQ(os.str(), "**Dump of Virtual Tree**\n\nNode: Class: HXLVirtualTreeNode\n**Dump of "
+                        "Virtual Tree**\n\nNode: Class: Held\n-Node: Class: Held\n");
     // What is really absent stays null.
     EXPECT_TRUE(loose->getFirstChild() == NULL && loose->getNextSibling(0) == NULL &&
                 HXLVirtualUTF8String().getString(&tree).empty());
