@@ -1,12 +1,13 @@
 // What the library's fuzz targets share: reading the input as a program, failing loudly, the
-// store's count of objects that still hold a reference and its page file, the bytes objects and
-// files are filled with, and the paging engine's figures.
+// store's count of objects that still hold a reference and its page file, strings to and from
+// UTF-8, the bytes objects and files are filled with, and the paging engine's figures.
 // Each target's one-input function is its model; the test program of its subsystem compiles it
 // in and runs it on seeded inputs, so a check throws rather than aborts (under libFuzzer the
 // exception ends the run all the same, and the input is kept).
 #ifndef FUZZ_UTIL_H
 #define FUZZ_UTIL_H
 
+#include "HXLCore.h"
 #include "HXLVirtualMemoryMgr.h"
 #include "VirtualMemoryPool.h"
 
@@ -82,6 +83,17 @@ inline int pageFileDescriptor(HXLVirtualMemoryMgr& memMgr) {
         return -1;
     const std::string::size_type from = at + marker.size();
     return pageFileDescriptor(text.substr(from, text.find('\n', from) - from));
+}
+
+// A string from UTF-8, and a string as UTF-8 or in another encoding, marked if the length that
+// c_str gives does not end at its NUL.
+inline I18NString text(const std::string& utf8) {
+    return I18NString(utf8.c_str(), nullptr, -1, nullptr, nullptr);
+}
+inline std::string narrow(const I18NString& text, const char* encoding = nullptr) {
+    int length = 0;
+    const char* bytes = text.c_str(encoding, &length, nullptr, nullptr);
+    return std::string(bytes, length - 1) + (bytes[length - 1] == '\0' ? "" : "<no NUL>");
 }
 
 // An object's bytes from its seed, with no period a page could hide in.

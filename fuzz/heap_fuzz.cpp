@@ -1,10 +1,9 @@
-// libFuzzer target for the three heap pools against a model of their blocks and budgets. The
-// input is a program of allocations, frees (a second free of the same block now and then),
-// expansions and upkeep on one pool of each kind, with sizes and budgets from the input. Every
-// live block keeps its bytes and its alignment and overlaps no other; a block freed twice is
-// refused; a pool gives null only when its budget or its chunks are spent; the arena's budget
-// equals its chunks plus its large blocks with their headers. tests/heap_test.cpp runs it on
-// seeded inputs.
+// libFuzzer target for the three heap pools against one model of their live blocks. The input
+// picks a pool and its shape, then is a program of allocations, frees (a second free of the same
+// block now and then) and upkeep, run by one loop for all three. Every live block keeps its bytes
+// and its alignment and overlaps no other; a block freed twice is refused; a pool gives null only
+// when its budget or its chunks are spent; each pool's budget or capacity adds up after every
+// step. tests/heap_test.cpp runs it on seeded inputs.
 //
 //   cmake --build build/fuzz --target heap_fuzz && build/fuzz/fuzz/heap_fuzz -max_total_time=600
 #include "HXLCore.h"
@@ -13,20 +12,23 @@
 #include "HXLMemoryPool.h"
 #include "fuzz_util.h"
 
-#include <cstring>
+#include <algorithm>
 #include <iterator>
 #include <map>
-#include <new>
 
 namespace {
 
 // The live blocks of one pool: where, how many bytes, and the byte they were filled from.
 class Blocks {
 public:
+    struct Block {
+        size_t size;
+        unsigned fill;
+    };
     // Records a new block after checking it against the others and the alignment.
-    void add(void* p, size_t size, uintptr_t alignment, uintptr_t remainder, unsigned fill) {
+    void add(void* p, size_t size, uintptr_t remainder, unsigned fill) {
         char* at = static_cast<char*>(p);
-        check(reinterpret_cast<uintptr_t>(p) % alignment == remainder, "alignment");
+        check(reinterpret_cast<uintptr_t>(p) % 16 == remainder, "alignment");
         auto next = m_live.lower_bound(at);
         check(next == m_live.end() || at + size <= next->first, "overlaps the next block");
         check(next == m_live.begin() || std::prev(next)->first + std::prev(next)->second.size <= at,
@@ -35,28 +37,33 @@ public:
             at[i] = static_cast<char>(fill + i);
         m_live[at] = {size, fill};
     }
-    // A live block picked by the input, checked and taken out of the model; null if none.
-    void* take(FuzzInput& in) {
+    // Frees a live block picked by the input, checked first; with `twice` a second free must
+    // be refused where the pool tells (pool.free says whether it does for this block).
+    template <class Pool> void free(FuzzInput& in, Pool& pool, bool twice) {
         if (m_live.empty())
-            return nullptr;
+            return;
         auto it = std::next(m_live.begin(), in.below(static_cast<unsigned>(m_live.size())));
         verify(*it);
         void* p = it->first;
+        const size_t size = it->second.size;
         m_live.erase(it);
-        return p;
+        if (pool.free(p, size) && twice) {
+            bool threw = false;
+            try {
+                pool.free(p, size);
+            } catch (const HXLAssertError&) {
+                threw = true;
+            }
+            check(threw, "a block freed twice");
+        }
     }
     void verifyAll() const {
         for (const auto& block : m_live)
             verify(block);
     }
-    size_t count() const { return m_live.size(); }
-    void clear() { m_live.clear(); }
+    const std::map<char*, Block>& live() const { return m_live; }
 
 private:
-    struct Block {
-        size_t size;
-        unsigned fill;
-    };
     static void verify(const std::pair<char* const, Block>& block) {
         for (size_t i = 0; i < block.second.size; ++i)
             check(block.first[i] == static_cast<char>(block.second.fill + i), "a block's bytes");
@@ -64,161 +71,170 @@ private:
     std::map<char*, Block> m_live;
 };
 
-// A call that must be refused with HXLAssertError.
-template <class Call> void refused(Call call, const char* what) {
-    bool threw = false;
-    try {
-        call();
-    } catch (const HXLAssertError&) {
-        threw = true;
+// The three pools behind the same calls: alloc checks when null is allowed and records the block
+// with the bytes it may hold, free says whether a second free is refused, upkeep expands, grows,
+// trims or reclaims, and invariant checks the pool's budget or capacity against the live blocks.
+class MemoryPool {
+public:
+    static constexpr unsigned kLarge = 100000, kSmall = 600;
+    explicit MemoryPool(FuzzInput& in) : m_pool(in.below(1 << 18), in.below(1 << 16)) {}
+    void alloc(unsigned size, FuzzInput& in, Blocks& blocks) {
+        const unsigned long long before = remaining();
+        void* p = m_pool.alloc(size);
+        const unsigned long long after = remaining();
+        check(after <= before && (p != nullptr || before == 0 || after == 0), "alloc's budget");
+        if (p != nullptr)
+            blocks.add(p, size, 0, in.byte());
     }
-    check(threw, what);
-}
+    bool free(void* p, size_t) {
+        m_pool.free(p);
+        return true;
+    }
+    void upkeep(FuzzInput& in, const Blocks&) {
+        const unsigned long long amount = in.below(1 << 16), before = remaining();
+        m_pool.expand(amount);
+        check(remaining() == before + std::max(amount, m_quantum), "expand");
+    }
+    void invariant(const Blocks&) {}
 
-void runMemoryPool(FuzzInput& in) {
-    HXLMemoryPool pool(in.below(1 << 18), in.below(1 << 16));
-    Blocks blocks;
-    unsigned long long count, quantum, remaining;
-    while (in.more()) {
-        const unsigned op = in.byte() % 8;
-        pool.getStats(count, quantum, remaining);
-        if (op < 4) {
-            const unsigned size = in.below(op == 0 ? 100000 : 600);
-            void* p = pool.alloc(size);
-            unsigned long long after;
-            pool.getStats(count, quantum, after);
-            check(after <= remaining, "an allocation raised the budget");
-            if (p == nullptr)
-                check(remaining == 0 || after == 0, "null with budget left");
-            else
-                blocks.add(p, size, 16, 0, in.byte());
-        } else if (op < 7) {
-            void* p = blocks.take(in);
-            if (p != nullptr) {
-                pool.free(p);
-                if (op == 6)
-                    refused([&] { pool.free(p); }, "a block freed twice");
-            }
-        } else {
-            const unsigned amount = in.below(1 << 16);
-            pool.expand(amount);
-            unsigned long long after;
-            pool.getStats(count, quantum, after);
-            check(after == remaining + (amount > quantum ? amount : quantum), "expand");
+private:
+    unsigned long long remaining() {
+        unsigned long long count, left;
+        m_pool.getStats(count, m_quantum, left);
+        return left;
+    }
+    HXLMemoryPool m_pool;
+    unsigned long long m_quantum = 0;
+};
+
+class FixedPool {
+public:
+    static constexpr unsigned kLarge = 0, kSmall = 0; // the pool's element size is its own
+    explicit FixedPool(FuzzInput& in)
+        : m_size(in.below(2000)), m_expandable(in.byte() % 2), m_headers(in.byte() % 2),
+          m_pool(m_size, m_expandable, m_headers) {}
+    void alloc(unsigned, FuzzInput& in, Blocks& blocks) {
+        void* p = m_pool.alloc();
+        const unsigned usable = m_size != 0 ? m_size : 16;
+        check(p != nullptr || (!m_expandable && (m_stranded || blocks.live().size() == capacity())),
+              "null with elements left");
+        check(p == nullptr || !m_headers || HXLFixedMemoryPool::allocSize(p) == usable,
+              "allocSize");
+        if (p != nullptr)
+            blocks.add(p, usable, m_headers ? 8 : 0, in.byte());
+    }
+    bool free(void* p, size_t) {
+        m_pool.free(p);
+        return m_headers != 0;
+    }
+    // A grow, or in header mode: wholly free chunks leave, back to the heap or in again.
+    void upkeep(FuzzInput& in, const Blocks& blocks) {
+        const unsigned what = m_headers ? in.byte() % 3 : 0;
+        if (what == 0) {
+            // In plain mode a grow while elements are free strands them: the count no longer
+            // tells.
+            m_stranded = m_stranded || (!m_headers && blocks.live().size() < capacity());
+            m_pool.grow(nullptr);
+        } else if (what == 1) {
+            int before = 0, after = 0, inUse = 0;
+            m_pool.info(nullptr, &before, nullptr, &inUse);
+            const unsigned released = m_pool.trim(static_cast<int>(in.below(3)));
+            m_pool.info(nullptr, &after, nullptr, nullptr);
+            check(released % HXLFixedMemoryPool::kChunkBytes == 0 &&
+                      before - after ==
+                          static_cast<int>(released / HXLFixedMemoryPool::kChunkBytes) &&
+                      after >= inUse,
+                  "trim");
+        } else if (void* chunk = m_pool.reclaim(static_cast<int>(in.below(2)))) {
+            // Given back to the heap, the chunk (the current one too) is forgotten: the
+            // capacity check then catches an element handed out from it.
+            in.byte() % 2 ? m_pool.grow(chunk) : ::operator delete(chunk);
         }
     }
-    blocks.verifyAll();
-}
-
-void runFixedPool(FuzzInput& in) {
-    const unsigned size = in.below(2000);
-    const int expandable = in.byte() % 2, headers = in.byte() % 2;
-    HXLFixedMemoryPool pool(size, expandable, headers);
-    const unsigned requested = size != 0 ? size : 16;
-    Blocks blocks;
-    int chunkCount = 0, perChunk = 0, inUse = 0;
-    // In plain mode a grow while elements are free strands them: the count no longer tells.
-    bool stranded = false;
-    while (in.more()) {
-        const unsigned op = in.byte() % 10;
-        if (op < 5) {
-            void* p = pool.alloc();
-            pool.info(nullptr, &chunkCount, &perChunk, nullptr);
-            if (p == nullptr) {
-                check(!expandable && (stranded ||
-                                      blocks.count() == static_cast<size_t>(chunkCount) * perChunk),
-                      "null with elements left");
-            } else {
-                blocks.add(p, requested, 16, headers ? 8 : 0, in.byte());
-                if (headers)
-                    check(HXLFixedMemoryPool::allocSize(p) == requested, "allocSize");
-            }
-        } else if (op < 8) {
-            void* p = blocks.take(in);
-            if (p != nullptr) {
-                pool.free(p);
-                if (op == 7 && headers)
-                    refused([&] { pool.free(p); }, "an element freed twice");
-            }
-        } else if (op == 8) {
-            pool.info(nullptr, &chunkCount, &perChunk, nullptr);
-            stranded = stranded ||
-                       (!headers && blocks.count() < static_cast<size_t>(chunkCount) * perChunk);
-            pool.grow(nullptr);
-        } else if (headers) { // upkeep: wholly free chunks leave, or move back in through grow
-            pool.info(nullptr, &chunkCount, nullptr, &inUse);
-            const int before = chunkCount;
-            if (in.byte() % 2 == 0) {
-                const unsigned released = pool.trim(static_cast<int>(in.below(3)));
-                pool.info(nullptr, &chunkCount, nullptr, nullptr);
-                check(released % HXLFixedMemoryPool::kChunkBytes == 0 &&
-                          before - chunkCount ==
-                              static_cast<int>(released / HXLFixedMemoryPool::kChunkBytes) &&
-                          chunkCount >= inUse,
-                      "trim");
-            } else if (void* chunk = pool.reclaim(static_cast<int>(in.below(2)))) {
-                pool.grow(chunk);
-            }
-        }
-        pool.info(nullptr, &chunkCount, &perChunk, nullptr);
-        check(blocks.count() <= static_cast<size_t>(chunkCount) * perChunk, "more live than made");
+    void invariant(const Blocks& blocks) {
+        check(blocks.live().size() <= capacity(), "more live than made");
+        if (m_headers)
+            m_pool.checkForMemoryOverWrite();
     }
-    blocks.verifyAll();
-    if (headers)
-        pool.checkForMemoryOverWrite();
-}
 
-void runArena(FuzzInput& in) {
-    const int bins = static_cast<int>(in.below(300));
-    HXLMemoryArena arena(bins, in.below(1 << 20), 0);
-    Blocks blocks;
-    std::map<void*, unsigned> large; // non-bin blocks and their sizes
-    unsigned count, used, remaining, ceiling;
-    arena.getPoolStats(count, used, remaining);
-    ceiling = used + remaining;
-    while (in.more()) {
-        const unsigned op = in.byte() % 8;
-        if (op < 4) {
-            const unsigned size = in.below(op == 0 ? 70000 : static_cast<unsigned>(bins) * 8 + 2);
-            arena.getPoolStats(count, used, remaining);
-            void* p = arena.alloc(size);
-            if (p == nullptr) {
-                check(size == 0 || size + 8 > remaining || size <= static_cast<unsigned>(bins) * 8,
-                      "a large block refused within budget");
-            } else {
-                blocks.add(p, size, 16, 8, in.byte());
-                check(HXLFixedMemoryPool::allocSize(p) ==
-                          (size > static_cast<unsigned>(bins) * 8 ? size : (size + 7) / 8 * 8),
-                      "allocSize");
-                if (size > static_cast<unsigned>(bins) * 8)
-                    large[p] = size;
-            }
-        } else if (op < 7) {
-            void* p = blocks.take(in);
-            if (p != nullptr) {
-                arena.free(p);
-                const bool isLarge = large.erase(p) != 0;
-                if (op == 6 && !isLarge)
-                    refused([&] { arena.free(p); }, "a bin element freed twice");
-            }
-        } else {
-            const unsigned amount = in.below(1 << 16);
-            arena.expand(amount);
-            int chunkSize = 0;
-            arena.getPoolStats(0, &chunkSize, nullptr, nullptr);
-            ceiling += (amount > static_cast<unsigned>(chunkSize) ? amount : chunkSize) + 8;
-        }
-        // The budget in use is the chunks of the bins and the large blocks with their headers.
+private:
+    size_t capacity() {
+        int chunks = 0, perChunk = 0;
+        m_pool.info(nullptr, &chunks, &perChunk, nullptr);
+        return static_cast<size_t>(chunks) * static_cast<size_t>(perChunk);
+    }
+    const unsigned m_size;
+    const int m_expandable, m_headers;
+    HXLFixedMemoryPool m_pool;
+    bool m_stranded = false;
+};
+
+class Arena {
+public:
+    static constexpr unsigned kLarge = 70000;
+    const unsigned kSmall; // up to the largest bin's size and just past it
+    explicit Arena(FuzzInput& in)
+        : kSmall(in.below(300) * 8), m_arena(static_cast<int>(kSmall / 8), in.below(1 << 20), 0) {
+        m_ceiling = used() + m_remaining;
+    }
+    void alloc(unsigned size, FuzzInput& in, Blocks& blocks) {
+        used();
+        const unsigned remaining = m_remaining, usable = size > kSmall ? size : (size + 7) / 8 * 8;
+        void* p = m_arena.alloc(size);
+        check(p != nullptr || size == 0 || size + 8 > remaining || size <= kSmall,
+              "a large block refused within budget");
+        check(p == nullptr || HXLFixedMemoryPool::allocSize(p) == usable, "allocSize");
+        check(m_arena.size2Bin(size) == static_cast<int>((size - 1u) / 8), "the bin of a size");
+        if (p != nullptr)
+            blocks.add(p, usable, 8, in.byte());
+    }
+    bool free(void* p, size_t size) {
+        m_arena.free(p);
+        return size <= kSmall; // a large block's header is gone with it
+    }
+    void upkeep(FuzzInput& in, const Blocks&) {
+        const unsigned amount = in.below(1 << 16);
+        m_arena.expand(amount);
+        int chunkSize = 0;
+        m_arena.getPoolStats(0, &chunkSize, nullptr, nullptr);
+        m_ceiling += std::max(amount, static_cast<unsigned>(chunkSize)) + 8;
+    }
+    // The budget in use is the chunks of the bins and the large blocks with their headers.
+    void invariant(const Blocks& blocks) {
         unsigned long long expected = 0;
-        for (int bin = 0; bin < bins; ++bin) {
+        for (int bin = 0; bin < static_cast<int>(kSmall / 8); ++bin) {
             int chunkSize = 0, chunks = 0;
-            arena.getPoolStats(bin, &chunkSize, &chunks, nullptr);
+            m_arena.getPoolStats(bin, &chunkSize, &chunks, nullptr);
             expected += static_cast<unsigned long long>(chunkSize) * chunks;
         }
-        for (const auto& block : large)
-            expected += block.second + 8ULL;
-        arena.getPoolStats(count, used, remaining);
-        check(used == expected && used + remaining == ceiling, "the arena's budget");
+        for (const auto& block : blocks.live())
+            expected += block.second.size > kSmall ? block.second.size + 8 : 0;
+        check(used() == expected && used() + m_remaining == m_ceiling, "the arena's budget");
+    }
+
+private:
+    unsigned used() {
+        unsigned count, used;
+        m_arena.getPoolStats(count, used, m_remaining);
+        return used;
+    }
+    HXLMemoryArena m_arena;
+    unsigned m_remaining = 0, m_ceiling = 0;
+};
+
+template <class Pool> void run(FuzzInput& in) {
+    Pool pool(in);
+    Blocks blocks;
+    while (in.more()) {
+        const unsigned op = in.byte() % 8;
+        if (op < 4) {
+            pool.alloc(in.below(op == 0 ? pool.kLarge : pool.kSmall + 2), in, blocks);
+        } else if (op < 7) {
+            blocks.free(in, pool, op == 6);
+        } else {
+            pool.upkeep(in, blocks);
+        }
+        pool.invariant(blocks);
     }
     blocks.verifyAll();
 }
@@ -227,15 +243,12 @@ void runArena(FuzzInput& in) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FuzzInput in(data, size);
-    switch (in.byte() % 3) {
-    case 0:
-        runMemoryPool(in);
-        break;
-    case 1:
-        runFixedPool(in);
-        break;
-    default:
-        runArena(in);
-    }
+    const unsigned kind = in.byte() % 3;
+    if (kind == 0)
+        run<MemoryPool>(in);
+    else if (kind == 1)
+        run<FixedPool>(in);
+    else
+        run<Arena>(in);
     return 0;
 }

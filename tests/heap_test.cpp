@@ -62,16 +62,6 @@ void churn(HXLMemoryArena& arena, unsigned int size, int n) {
     for (void* p : blocks)
         arena.free(p);
 }
-// The text of what a step throws, followed by the function named at the throw, if any.
-template <class Step> std::string failure(Step&& step) {
-    try {
-        step();
-    } catch (const HXLThrowable& e) {
-        return e.what() + e.getBackTrace().front().function;
-    }
-    return "(nothing)";
-}
-
 } // namespace
 
 TEST(HeapModel, RandomProgramsAgree) {
@@ -89,19 +79,15 @@ TEST(HXLMemoryPool, BlocksAreCutFromTheHighEndJoinUpAndFollowTheBudget) {
     // `second` freed again, as a free block of its own and then joined into the one below.
     for (char* p : {second, empty, first}) {
         pool.free(p);
-        EXPECT_EQ(failure([&] { pool.free(second); }),
-                  "HXL_ASSERT_NAMED(block < freeStart || block >= freeEnd, \"Block freed twice in "
-                  "HXLMemoryPool::free\");");
+        EXPECT_EQ(thrown([&] { pool.free(second); }),
+                  "assert: HXL_ASSERT_NAMED(block < freeStart || block >= freeEnd, \"Block freed "
+                  "twice in HXLMemoryPool::free\"); <- HXL_THROW");
     }
     EXPECT_EQ(pool.alloc(131072), first - 131072 + 16) << "joined into one block, taken whole";
     EXPECT_NE(pool.alloc(131072), nullptr);
     EXPECT_EQ(stats(pool), "2/131072/0") << "a block of two steps of 8192 units";
     EXPECT_NE(pool.alloc(131040), nullptr) << "its surplus of 8191 units, exactly";
     EXPECT_EQ(pool.alloc(0), nullptr);
-    pool.expand(1);
-    EXPECT_EQ(stats(pool), "2/131072/131072") << "expand(1) gives a quantum";
-    EXPECT_NE(pool.alloc(131072), nullptr);
-    EXPECT_EQ(failure([&pool] { pool.free(nullptr); }), "HXL_ASSERT(memBlock);");
     HXLMemoryPool tiny(1, 0), small(100, 16);
     EXPECT_NE(tiny.alloc(1000), nullptr) << "a budget of 1 is no budget of 0";
     EXPECT_NE(small.alloc(1), nullptr);
@@ -134,30 +120,15 @@ TEST(HXLFixedMemoryPool, StrideCapacityLinksAndRefusedSizes) {
     EXPECT_EQ(*reinterpret_cast<void**>(e1), e0 + 32) << "the link is in the first 8 bytes";
     EXPECT_EQ(pool.alloc(), e1) << "last in, first out";
     for (unsigned int size : {32745u, 0xFFFFFFF8u})
-        EXPECT_EQ(failure([&] { HXLFixedMemoryPool(size, 1, 1); }),
-                  "HXL_ASSERT_NAMED(m_esize <= Chunk::size, \"Specified size for "
-                  "HXLFixedMemoryPool is too large.\");");
-}
-
-TEST(HXLFixedMemoryPool, ReclaimAndTrimTakeOnlyWhollyFreeChunks) {
-    void* c[3]; // chunks Z, Y and X in the order grown; X, the newest, gets an element in use
-    HXLFixedMemoryPool pool(8, 0, 1);
-    for (void*& chunk : c)
-        pool.grow(chunk = ::operator new(0x8000));
-    pool.alloc();
-    EXPECT_EQ(pool.reclaim(1), c[0]) << "passes X and skips Y";
-    ::operator delete(c[0]);
-    EXPECT_EQ(pool.trim(0), 32768u) << "Y alone";
-    HXLFixedMemoryPool one(8, 0, 1);
-    one.grow(nullptr);
-    ::operator delete(one.reclaim(0));
-    EXPECT_EQ(one.alloc(), nullptr) << "the reclaimed current chunk is forgotten";
+        EXPECT_EQ(thrown([&] { HXLFixedMemoryPool(size, 1, 1); }),
+                  "assert: HXL_ASSERT_NAMED(m_esize <= Chunk::size, \"Specified size for "
+                  "HXLFixedMemoryPool is too large.\"); <- HXL_THROW");
 }
 
 // Damage reaching a filler is reported by assertion, or ends the process under the abort flag.
 TEST(HXLFixedMemoryPoolDeathTest, DamagedHeadersAreReported) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    const std::string hit = "HXL_ASSERT(rh->m_filler3 == 0xE);";
+    const std::string hit = "assert: HXL_ASSERT(rh->m_filler3 == 0xE); <- HXL_THROW";
     HXLFixedMemoryPool pool(8, 1, 1);
     pool.setDetectMemoryOverWrites(7); // any value but 0 turns it on
     auto* p0 = static_cast<unsigned char*>(pool.alloc());
@@ -165,14 +136,15 @@ TEST(HXLFixedMemoryPoolDeathTest, DamagedHeadersAreReported) {
     std::memset(p0, 0x41, 12); // reaches only the next element's size: not reported
     EXPECT_NO_THROW(pool.free(pool.alloc()));
     std::memset(p0, 0x41, 16); // reaches its filler too
-    EXPECT_EQ(failure([&] { pool.alloc(); }), hit);
+    EXPECT_EQ(thrown([&] { pool.alloc(); }), hit);
     pool.setDetectMemoryOverWrites(0);
-    EXPECT_EQ(failure([&] { pool.free(p1); }), hit) << "the short test needs no detection";
+    EXPECT_EQ(thrown([&] { pool.free(p1); }), hit) << "the short test needs no detection";
     EXPECT_EQ(p1[-2], 0x41) << "a refused free changes nothing";
     void* e = pool.alloc(); // an element freed twice is refused, or aborts
     pool.free(e);
-    EXPECT_EQ(failure([&] { pool.free(e); }), "HXL_ASSERT_NAMED(rh->m_inUse != 0, \"Element freed "
-                                              "twice in HXLFixedMemoryPool::free\");");
+    EXPECT_EQ(thrown([&] { pool.free(e); }), "assert: HXL_ASSERT_NAMED(rh->m_inUse != 0, \"Element "
+                                             "freed twice in HXLFixedMemoryPool::free\"); <- "
+                                             "HXL_THROW");
     EXPECT_NE(pool.alloc(), pool.alloc()) << "it was linked once";
     pool.free(e);
     pool.setAbortProcessOnMemoryOverWrites(1);
@@ -213,53 +185,42 @@ TEST(HXLMemoryArena, MisuseDamageAndRefusedMemoryAreReported) {
     // The heap refuses a pool, the block set, then a chunk: the budget stays untouched.
     for (std::size_t size : {sizeof(HXLFixedMemoryPool), sizeof(std::set<void*>), 0x8000ul}) {
         g_failSize = size;
-        EXPECT_EQ(failure([&] {
+        EXPECT_EQ(thrown([&] {
                       HXLMemoryArena(2, 0, 0);
                       arena.alloc(8);
                   }),
-                  "Out of memory");
+                  "memory: Out of memory <- HXL_THROW");
     }
     EXPECT_NE(report(arena).find("Memory used: 0, Pool remaining: 262144,"), std::string::npos);
-    EXPECT_EQ(failure([&] { arena.free(nullptr); }), "HXL_ASSERT(mem);");
-    void* element = arena.alloc(8);
-    arena.free(element);
-    EXPECT_THROW(arena.free(element), HXLAssertError) << "a bin element freed twice";
+    HXLMemoryPool pool(0, 0);
+    EXPECT_EQ(thrown([&] { arena.free(nullptr); }) + thrown([&] { pool.free(nullptr); }),
+              "assert: HXL_ASSERT(mem); <- HXL_THROWassert: HXL_ASSERT(memBlock); <- HXL_THROW");
     alignas(16) unsigned char forged[24] = {0xE8, 0x03, 0, 0, 0, 0, 1, 0x0E}; // size 1000
-    EXPECT_EQ(
-        failure([&] { arena.free(forged + 8); }),
-        "HXL_ASSERT_NAMED(eraseCount == 1, \"Invalid memory chunk in HXLMemoryArena::free\");");
+    EXPECT_EQ(thrown([&] { arena.free(forged + 8); }),
+              "assert: HXL_ASSERT_NAMED(eraseCount == 1, \"Invalid memory chunk in "
+              "HXLMemoryArena::free\"); <- HXL_THROW");
     arena.setAbortProcessOnMemoryOverWrites(1); // allocSize has no flags: still an assertion
     auto* p = static_cast<unsigned char*>(arena.alloc(100));
     p[-1] = 0;
-    EXPECT_EQ(failure([&] { arena.free(p); }), "HXL_ASSERT(rh->m_filler3 == 0xE);");
+    const std::string hit = "assert: HXL_ASSERT(rh->m_filler3 == 0xE); <- HXL_THROW";
+    EXPECT_EQ(thrown([&] { arena.free(p); }), hit);
     arena.setAbortProcessOnMemoryOverWrites(0);
     arena.setDetectMemoryOverWrites(1); // every bin scans: damage in bin 2 stops a non-bin alloc
     std::memset(arena.alloc(24), 0, 32);
-    EXPECT_EQ(failure([&] { arena.alloc(100); }), "HXL_ASSERT(rh->m_filler3 == 0xE);");
+    EXPECT_EQ(thrown([&] { arena.alloc(100); }), hit);
 }
 
-TEST(HXLMemoryArena, HeadersAndTheReport) {
+// The report: the budget line, the arena's line (non-bin allocations, with the last and the
+// largest size seen) and each bin's two lines, one per bin, the same for every bin.
+TEST(HXLMemoryArena, TheReport) {
     HXLMemoryArena arena(2, 0, 0);
-    EXPECT_EQ(arena.size2Bin(0), 0x1FFFFFFF);
-    EXPECT_EQ(arena.alloc(0), nullptr);
-    auto* small = static_cast<unsigned char*>(arena.alloc(8));
-    auto* big = static_cast<unsigned char*>(arena.alloc(100));
-    for (auto* p : {small, big})
-        EXPECT_EQ(reinterpret_cast<std::uintptr_t>(p) % 16, 8u);
-    EXPECT_EQ(
-        report(arena),
-        "\nPool Statistics - Max Allowed: 262144, Memory used: 32876, Pool remaining: 229268, "
-        "Expansions: 0, Reclaims: 0\n\nArena Statistics - Memory Bins: 2, Non Bin Allocs: 1 "
-        "(108/108)\n  Bin [1] - Size: 8\n     Chunk Size: 32768, Chunk Count: 1, Chunks "
-        "InUse: 1, Pool Size: 32768, Elements/Chunk: 2047\n  Bin [2] - Size: 16\n     Chunk "
-        "Size: 32768, Chunk Count: 0, Chunks InUse: 0, Pool Size: 0, Elements/Chunk: 1023\n\n");
-    // Freeing gives a block's bytes back and leaves the count and the sizes seen; expand(1)
-    // adds a chunk and the room for a header.
-    arena.free(big);
+    arena.alloc(8);
+    arena.free(arena.alloc(100));
     arena.free(arena.alloc(17));
-    arena.expand(1);
-    EXPECT_NE(report(arena).find("Max Allowed: 294920, Memory used: 32768, Pool remaining: 262152, "
-                                 "Expansions: 1, Reclaims: 0\n\nArena Statistics - Memory Bins: "
-                                 "2, Non Bin Allocs: 2 (25/108)\n"),
-              std::string::npos);
+    const std::string head =
+        "\nPool Statistics - Max Allowed: 262144, Memory used: 32768, Pool remaining: "
+        "229376, Expansions: 0, Reclaims: 0\n\nArena Statistics - Memory Bins: 2, Non Bin "
+        "Allocs: 2 (25/108)\n  Bin [1] - Size: 8\n     Chunk Size: 32768, Chunk Count: 1, "
+        "Chunks InUse: 1, Pool Size: 32768, Elements/Chunk: 2047\n";
+    EXPECT_EQ(report(arena).substr(0, head.size()), head);
 }

@@ -45,17 +45,6 @@ inline void churn(HXLVirtualMemoryMgr& memMgr, unsigned count, unsigned size) {
     }
 }
 
-// A string from UTF-8, and a string as UTF-8 or in another encoding, marked if the length that
-// c_str gives does not end at its NUL.
-inline I18NString text(const std::string& utf8) {
-    return I18NString(utf8.c_str(), nullptr, -1, nullptr, nullptr);
-}
-inline std::string narrow(const I18NString& text, const char* encoding = nullptr) {
-    int length = 0;
-    const char* bytes = text.c_str(encoding, &length, nullptr, nullptr);
-    return std::string(bytes, length - 1) + (bytes[length - 1] == '\0' ? "" : "<no NUL>");
-}
-
 // What `call` throws, as "kind: text" and then the back-trace, oldest frame first, each as
 // " <- macro" with " function" when one was given; "nothing" if it returns.
 template <class Call> std::string thrown(Call call) {
