@@ -151,3 +151,23 @@ TEST(VirtualMemoryPool, UnchangedSpansAreNeverRewrittenAndScansReadAhead) {
     EXPECT_EQ(poolStats(pool).pageWrites, after.pageWrites + 2);
     pool.Verify();
 }
+
+// Pinned objects may hold the store beyond its span memory, which is sized to the budget: what
+// does not fit comes from the heap, holds the same bytes through paging, and goes back to it.
+TEST(VirtualMemoryPool, PinnedBeyondItsSpanMemoryTheStoreTakesTheHeap) {
+    VirtualMemoryPool pool(kBudget, "/tmp");
+    std::vector<PageItem> held(48); // 3 MiB, the memory of a 64 KiB budget is 2 MiB
+    for (unsigned i = 0; i < held.size(); ++i) {
+        void* address = pool.Allocate(65536, held[i]);
+        ASSERT_NE(address, nullptr) << i;
+        fill(address, 65536, i);
+    }
+    EXPECT_EQ(poolStats(pool).residentBytes, held.size() * 65536);
+    pool.Verify();
+    for (PageItem& item : held)
+        pool.Dismiss(item);
+    for (unsigned round = 0; round < 2; ++round)
+        for (unsigned i = 0; i < held.size(); ++i)
+            EXPECT_EQ(readBack(pool, held[i].offset, 65536, i), 1) << i;
+    pool.Verify();
+}
