@@ -119,7 +119,9 @@ void HXLVirtualFile::open(unsigned int storeSize, unsigned int unused, unsigned 
 
 HXLVirtualPageItem& HXLVirtualFile::getPage(unsigned int position) {
     const unsigned int index = position < m_pageSize ? 0 : position / m_pageSize;
-    if (m_pages.size() <= index)
+    if (m_pages.size() == index)
+        m_pages.emplace_back(); // writing forward: one blank entry, without a call
+    else if (m_pages.size() < index)
         m_pages.resize(static_cast<size_t>(index) + 1); // blank entries: no block yet
     return m_pages[index];
 }

@@ -153,8 +153,11 @@ Span* VirtualMemoryPool::Engine::newSpan(unsigned short classIndex, unsigned pag
     // The page map grows before anything else changes, to cover the pages take() may add at
     // the end: running out of memory leaves the store as it was and gives null. A map longer
     // than the page numbers in use is harmless: its tail stays null.
-    if (m_pageNumbers.end() + pages > m_fastPages.size() &&
-        !resizePageMap(m_pageNumbers.end() + pages))
+    // It grows by an eighth at a time, so that a store growing page by page does not resize it
+    // at every span.
+    const unsigned long long mapEnd = m_pageNumbers.end() + pages;
+    if (mapEnd > m_fastPages.size() && !resizePageMap(mapEnd + mapEnd / 8) &&
+        !resizePageMap(mapEnd))
         return nullptr;
     char* memory = m_memory.take(pages);
     FastSpan* hot = memory != nullptr ? takeHot(classIndex) : nullptr;
@@ -211,8 +214,11 @@ void VirtualMemoryPool::Engine::releaseSpan(Span* span) {
     } catch (const std::bad_alloc&) {
         // The page numbers stay taken: offset space is lost, never handed out twice.
     }
-    if (m_pageNumbers.end() < m_fastPages.size())
-        resizePageMap(m_pageNumbers.end());
+    // Shrinks only well below its length, so that a span made and released at the end does
+    // not resize it both ways.
+    const unsigned long long mapEnd = m_pageNumbers.end();
+    if (mapEnd + mapEnd / 4 < m_fastPages.size())
+        resizePageMap(mapEnd + mapEnd / 8);
     m_records.give(span, recordBytes(span));
 }
 
