@@ -93,11 +93,7 @@ void runCompressed(FuzzInput& in, HXLVirtualMemoryMgr& store, unsigned openedWit
         check(heldReferences(store) <= 1, "more than one page mapped");
     }
     file.close();
-    std::string stored(static_cast<size_t>(file.getLength()), '\0');
-    file.seek(0, HXLFmFile::eSeekBegin);
-    check(file.read(&stored[0], static_cast<unsigned>(stored.size())) == file.getLength(),
-          "read back");
-    check(gunzip(stored) == written, "the members inflate to other bytes");
+    check(gunzip(readAll(file)) == written, "the members inflate to other bytes");
 }
 
 } // namespace
