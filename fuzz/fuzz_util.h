@@ -1,13 +1,14 @@
 // What the library's fuzz targets share: reading the input as a program, failing loudly, the
 // store's count of objects that still hold a reference and its page file, strings to and from
-// UTF-8, the bytes objects and files are filled with, and the paging engine's figures.
-// Each target's one-input function is its model; the test program of its subsystem compiles it
-// in and runs it on seeded inputs, so a check throws rather than aborts (under libFuzzer the
-// exception ends the run all the same, and the input is kept).
+// UTF-8, the bytes objects and files are filled with and a file's bytes read back, and the paging
+// engine's figures. Each target's one-input function is its model; the test program of its
+// subsystem compiles it in and runs it on seeded inputs, so a check throws rather than aborts
+// (under libFuzzer the exception ends the run all the same, and the input is kept).
 #ifndef FUZZ_UTIL_H
 #define FUZZ_UTIL_H
 
 #include "HXLCore.h"
+#include "HXLVirtualFile.h"
 #include "HXLVirtualMemoryMgr.h"
 #include "VirtualMemoryPool.h"
 
@@ -47,11 +48,17 @@ private:
     size_t m_size;
 };
 
+// The store's report, dumped with `flags`.
+inline std::string mapperReport(HXLVirtualMemoryMgr& memMgr, int flags) {
+    std::ostringstream report;
+    memMgr.dumpMapper(report, flags);
+    return report.str();
+}
+
 // Objects of the store with a reference held, from the line of the store's report.
 inline unsigned long long heldReferences(HXLVirtualMemoryMgr& memMgr) {
-    std::ostringstream report;
-    memMgr.dumpMapper(report, 0);
-    const std::string marker = "Total Objects with reference count > 0 : ", text = report.str();
+    const std::string marker = "Total Objects with reference count > 0 : ",
+                      text = mapperReport(memMgr, 0);
     const std::string::size_type at = text.find(marker);
     return at == std::string::npos ? 0 : std::stoull(text.substr(at + marker.size()));
 }
@@ -75,9 +82,8 @@ inline int pageFileDescriptor(const std::string& name) {
 }
 // The page file of `memMgr`, by the name its report gives; -1 before the first page-out.
 inline int pageFileDescriptor(HXLVirtualMemoryMgr& memMgr) {
-    std::ostringstream report;
-    memMgr.dumpMapper(report, HXLVirtualMemoryMgr::eDumpStats);
-    const std::string marker = "Paging File - ", text = report.str();
+    const std::string marker = "Paging File - ",
+                      text = mapperReport(memMgr, HXLVirtualMemoryMgr::eDumpStats);
     const std::string::size_type at = text.find(marker);
     if (at == std::string::npos)
         return -1;
@@ -128,6 +134,14 @@ inline std::string sample(size_t count, unsigned seed) {
         state = state * 1103515245u + 12345u;
         out[i] = static_cast<char>(seed % 2 != 0 ? state >> 16 : 'a' + (i / 7 + seed) % 4);
     }
+    return out;
+}
+
+// All the bytes of `file`, read from its start.
+inline std::string readAll(HXLVirtualFile& file) {
+    std::string out(static_cast<size_t>(file.getLength()), '\0');
+    file.seek(0, HXLFmFile::eSeekBegin);
+    check(file.read(&out[0], static_cast<unsigned>(out.size())) == file.getLength(), "read back");
     return out;
 }
 

@@ -118,7 +118,8 @@ private:
         if (pins == 0)
             m_pool.Dismiss(item);
     }
-    // Maps `it`, through the fast path first if `fast`; null only under I/O faults.
+    // Maps `it`, through the fast path first if `fast`, and checks its bytes; null only under
+    // I/O faults.
     void* map(Entry it, bool fast, bool forWriting) {
         PageItem item{it->first};
         void* address = fast ? tcmalloc::fastMap(*m_table, it->first, forWriting) : nullptr;
@@ -126,6 +127,8 @@ private:
         check(address != nullptr || (failing() && it->second.pins == 0), "a mapping failed");
         check(address == nullptr || it->second.pins == 0 || address == it->second.pinnedAt,
               "a pinned object moved");
+        check(address == nullptr || holds(address, it->second.size, it->second.seed),
+              "wrong bytes");
         return address;
     }
     void unmap(unsigned long long offset, bool fast) {
@@ -150,7 +153,6 @@ private:
                 void* address = map(it, fast, true);
                 if (address == nullptr)
                     return;
-                check(holds(address, it->second.size, it->second.seed), "wrong bytes");
                 pin(it, address);
             }
             for (unsigned i = n / 5 * 4; i > 0; --i)
@@ -180,7 +182,6 @@ private:
             void* address = map(it, fast, op == 9);
             if (address == nullptr)
                 return;
-            check(holds(address, it->second.size, it->second.seed), "wrong bytes");
             if (op == 9)
                 fill(address, it->second.size, it->second.seed = arg);
             unmap(it->first, fast);
@@ -208,10 +209,7 @@ private:
     // Every object, in offset order (the page-ins read ahead): null only under I/O faults.
     void readAll() {
         for (auto it = m_model.begin(); it != m_model.end(); ++it) {
-            void* address = map(it, false, true);
-            check(address == nullptr || holds(address, it->second.size, it->second.seed),
-                  "wrong bytes on a read of everything");
-            if (address != nullptr)
+            if (map(it, false, true) != nullptr)
                 unmap(it->first, false);
         }
     }

@@ -24,13 +24,6 @@ struct RecordingFile : HXLVirtualFile {
     }
 };
 
-std::string readAll(HXLVirtualFile& file) {
-    std::string out(static_cast<size_t>(file.getLength()), '\0');
-    file.seek(0, HXLFmFile::eSeekBegin);
-    EXPECT_EQ(file.read(&out[0], static_cast<unsigned int>(out.size())), file.getLength());
-    return out;
-}
-
 } // namespace
 
 TEST(HXLVirtualFileModel, RandomProgramsAgree) {

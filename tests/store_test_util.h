@@ -23,12 +23,6 @@
 #include <string>
 #include <vector>
 
-inline std::string mapperReport(HXLVirtualMemoryMgr& memMgr, int flags) {
-    std::ostringstream report;
-    memMgr.dumpMapper(report, flags);
-    return report.str();
-}
-
 // Whether any page of the store has been written out.
 inline bool pagedOut(HXLVirtualMemoryMgr* memMgr) {
     return mapperReport(*memMgr, HXLVirtualMemoryMgr::eDumpStats).find("Page Outs: 0\n") ==
