@@ -10,7 +10,9 @@
 /// caller then makes the plain call, which handles everything.
 ///
 /// What a hit reads: the table (one line, shared by all hits), the page's entry (16 bytes), the
-/// span's hot block (one 64-byte line for the first 32 slots) and the object.
+/// span's hot block (one 64-byte line for the first 32 slots) and the object. The entries lie
+/// right behind the table and never move, so a hit finds them from the table's address without
+/// loading a pointer.
 ///
 /// The engine takes no lock; neither do these routines: the caller serialises every call on one
 /// store, fast or plain.
@@ -94,12 +96,15 @@ static_assert(sizeof(FastPage) == 16, "page entry layout");
 /// @ingroup contracts
 /// @brief The table an engine publishes: good for the life of its VirtualMemoryPool.
 ///
+/// The page entries follow it in memory (`pages` is `this + 1`) and never move; the entries
+/// from `pageCount` up to any page number the engine can hand out read as null.
+///
 /// The engine keeps its own counts here, so that the routines below keep them exact. Events are
 /// counted apart, so that a hit adds to counters of its own instead of moving one count up and
 /// down (each would wait for the other's store): objects with a count above 0 are firstPins -
 /// lastUnpins, pinned spans spanPins - spanUnpins. Byte offsets in the comments.
 struct alignas(64) FastTable {
-    FastPage* pages;                  ///< 0: entries by page number (page = offset >> 13)
+    FastPage* pages;                  ///< 0: entries by page number (page = offset >> 13): this + 1
     unsigned long long pageCount;     ///< 8: entries in `pages`
     unsigned long long firstPins;     ///< 16: counts that went from 0 to 1
     unsigned long long lastUnpins;    ///< 24: counts that went from 1 to 0
@@ -121,7 +126,7 @@ struct alignas(64) FastTable {
     /// A page number is an offset shifted right by this: pages of 8 KiB.
     static constexpr unsigned kPageShift = 13;
     /// The version of this layout, which `layout` holds.
-    static constexpr unsigned kFastLayout = 1;
+    static constexpr unsigned kFastLayout = 2;
 };
 static_assert(offsetof(FastTable, firstPins) == 16, "fast table layout");
 static_assert(offsetof(FastTable, budget) == 56, "fast table layout: what a hit reads, one line");
@@ -135,7 +140,7 @@ inline unsigned char* fastCount(const FastTable& table, unsigned long long offse
     const unsigned long long page = offset >> FastTable::kPageShift;
     if (page >= table.pageCount)
         return nullptr;
-    entry = table.pages + page;
+    entry = reinterpret_cast<const FastPage*>(&table + 1) + page; // no load: they follow it
     span = entry->span;
     if (span == nullptr)
         return nullptr;

@@ -12,11 +12,12 @@
 //               The span is the unit of residence and of paging.
 //   size class  a slot size (16 bytes to 8 KiB); small objects take the smallest slot that
 //               fits them.
-//   page map    a vector indexed by page number (FastPage, 16 bytes a page, published in the
-//               FastTable of VirtualMemoryFastPath.h). For a page of a resident span it gives
-//               the span's hot block and a bias, so that an object's address is bias + offset
-//               (the hot block names the span's record); for a page of a paged-out span the
-//               hot block is null and the first field holds the record. No hashing, no search.
+//   page map    an array indexed by page number (FastPage, 16 bytes a page, right behind the
+//               FastTable of VirtualMemoryFastPath.h, at an address that never moves: PageMap.h).
+//               For a page of a resident span it gives the span's hot block and a bias, so that an
+//               object's address is bias + offset (the hot block names the span's record); for a
+//               page of a paged-out span the hot block is null and the first field holds the
+//               record. No hashing, no search.
 //   hot block   what a hit reads and writes, 64-byte aligned and only while the span is
 //               resident (FastSpan): pin count, hit flags, slot divisor, and the slot bytes,
 //               the first 32 of them in the same cache line.
@@ -130,6 +131,7 @@
 
 #include "Fingerprint.h"
 #include "PageFile.h"
+#include "PageMap.h"
 #include "SpanMemory.h"
 
 #include <algorithm>
@@ -498,12 +500,12 @@ private:
         return m_ring.size() - (m_table.spanPins - m_table.spanUnpins);
     }
 
-    // The published table (VirtualMemoryFastPath.h): the fast map and the counts a hit keeps.
-    // Its budget is the resident budget; residentBytes is the sum of the sizes of resident
-    // spans.
-    FastTable m_table{};
+    // The page map, with the published table (VirtualMemoryFastPath.h) in front of it: the
+    // fast map and the counts a hit keeps. The table's budget is the resident budget;
+    // residentBytes is the sum of the sizes of resident spans.
+    PageMap m_fastPages;
+    FastTable& m_table = m_fastPages.table();
     unsigned long long m_spreadBits[256] = {}; // a byte of the live bitmap as eight slot bytes
-    std::vector<FastPage> m_fastPages;
     std::vector<SizeClass> m_classes;
     std::vector<unsigned short> m_classOfGranules; // (size + 15) / 16 -> class index
     ExtentAllocator m_pageNumbers{1};

@@ -84,17 +84,10 @@ VirtualMemoryPool::Engine::~Engine() {
     }
 }
 
-// Grows or shrinks the page map to `pages` entries and publishes it; false, with the map as it
-// was, when it cannot grow. New entries are null.
+// Grows or shrinks the page map to `pages` entries, published at once; false, with the map as
+// it was, beyond its capacity. New entries are null.
 bool VirtualMemoryPool::Engine::resizePageMap(unsigned long long pages) {
-    try {
-        m_fastPages.resize(pages, FastPage{nullptr, nullptr});
-    } catch (const std::bad_alloc&) {
-        return false;
-    }
-    m_table.pages = m_fastPages.data();
-    m_table.pageCount = m_fastPages.size();
-    return true;
+    return pages <= m_fastPages.capacity() && m_fastPages.resize(static_cast<std::size_t>(pages));
 }
 
 void VirtualMemoryPool::Engine::mapPages(Span* span, FastSpan* hot, char* bias) {
@@ -322,8 +315,13 @@ void VirtualMemoryPool::Engine::checkSpan(const Span* span) const {
 void VirtualMemoryPool::Engine::verify() const {
     unsigned long long resident = 0, outstanding = 0, objects = 0, bigCounts = 0;
     unsigned long long pagesMapped = 0, filePages = 0, slots = 0, arenaPages = 0;
-    VMM_CHECK(m_table.pages == m_fastPages.data() && m_table.pageCount == m_fastPages.size(),
-              m_table.pageCount);
+    VMM_CHECK(m_table.pages == reinterpret_cast<const FastPage*>(&m_table + 1) &&
+                  m_table.pageCount == m_fastPages.size(),
+              m_table.pageCount); // rule G2 and the table's layout
+    for (std::size_t page = m_fastPages.size();
+         page < std::min(m_fastPages.size() + 64, m_fastPages.capacity()); ++page)
+        VMM_CHECK(m_table.pages[page].span == nullptr && m_table.pages[page].bias == nullptr,
+                  page); // rule G2, near the end
     std::vector<unsigned> emptySpans(m_classes.size(), 0);
     for (unsigned long long page = 0; page < m_fastPages.size(); ++page) {
         const Span* span = recordAt(page);
