@@ -313,7 +313,6 @@ struct BatchEntry {
     Span* span;
     unsigned long long fingerprint;
     bool newSlot;
-    bool stays; // written behind: stays resident with an exact copy (rule 18)
 };
 
 // The clock ring (rule 2): every resident span once, in a circle, with the hand of the sweep.

@@ -62,7 +62,7 @@ bool VirtualMemoryPool::Engine::chooseVictim(Span* span) {
         const unsigned long long print =
             span->state == kPrinted ? span->fingerprint : fingerprint(span->memory, span->bytes());
         if (span->state != kMaybe || print != span->fingerprint) {
-            m_batch.push_back({span, print, false, false}); // cannot throw: flushed when full
+            m_batch.push_back({span, print, false}); // cannot throw: flushed when full
             span->flags |= kInBatch;
             m_batchBytes += span->bytes();
             if (m_batchBytes + m_behindBytes >= kIoRunBytes || m_batch.size() == m_batch.capacity())
@@ -79,7 +79,7 @@ bool VirtualMemoryPool::Engine::chooseVictim(Span* span) {
 // The span, just printed at its first release in a full store, is written with the next batch
 // and stays resident (rule 18).
 void VirtualMemoryPool::Engine::writeBehind(Span* span) {
-    m_batch.push_back({span, span->fingerprint, false, true}); // cannot throw: flushed when full
+    m_batch.push_back({span, span->fingerprint, false}); // cannot throw: flushed when full
     span->flags |= kInBatch | kBehind;
     m_behindBytes += span->bytes();
     ++m_behindSpans;
@@ -102,7 +102,7 @@ void VirtualMemoryPool::Engine::leaveBatch(Span* span) {
 bool VirtualMemoryPool::Engine::flushBatch() {
     // A span to be written behind that was mapped for writing since is left to the sweep.
     for (std::size_t i = m_batch.size(); i-- > 0;)
-        if (m_batch[i].stays && m_batch[i].span->state != kPrinted)
+        if ((m_batch[i].span->flags & kBehind) != 0 && m_batch[i].span->state != kPrinted)
             leaveBatch(m_batch[i].span);
     if (m_batch.empty())
         return true;
@@ -135,12 +135,13 @@ bool VirtualMemoryPool::Engine::flushBatch() {
         allWritten &= written;
         for (std::size_t i = first; i < end; ++i) {
             Span* span = m_batch[i].span;
+            const bool stays = (span->flags & kBehind) != 0;
             span->flags &= static_cast<unsigned char>(~(kInBatch | kBehind));
             if (written) {
                 span->fingerprint = m_batch[i].fingerprint;
                 setState(span, kExact);
                 ++m_counts.pageWrites;
-                if (!m_batch[i].stays)
+                if (!stays)
                     evict(span);
                 continue;
             }

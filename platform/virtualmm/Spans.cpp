@@ -87,7 +87,7 @@ VirtualMemoryPool::Engine::~Engine() {
 // Grows or shrinks the page map to `pages` entries, published at once; false, with the map as
 // it was, beyond its capacity. New entries are null.
 bool VirtualMemoryPool::Engine::resizePageMap(unsigned long long pages) {
-    return pages <= m_fastPages.capacity() && m_fastPages.resize(static_cast<std::size_t>(pages));
+    return m_fastPages.resize(static_cast<std::size_t>(pages));
 }
 
 void VirtualMemoryPool::Engine::mapPages(Span* span, FastSpan* hot, char* bias) {
@@ -382,7 +382,7 @@ void VirtualMemoryPool::Engine::verify() const {
     VMM_CHECK(objects == m_counts.objectsCurrent, objects);
     unsigned long long behindBytes = 0;
     for (const BatchEntry& entry : m_batch) {
-        VMM_CHECK(entry.stays && (entry.span->flags & kBehind) != 0, entry.span->firstPage);
+        VMM_CHECK((entry.span->flags & kBehind) != 0, entry.span->firstPage);
         VMM_CHECK(entry.span->resident(), entry.span->firstPage);
         behindBytes += entry.span->bytes();
     }
