@@ -34,37 +34,47 @@ public:
     std::map<std::string, double> medians;
 };
 
+// Parses the command line and runs the selected benchmarks through `reporter`; false when an
+// argument is not understood (the program then exits with 1).
+inline bool runBenchmarks(int& argc, char** argv, MedianReporter& reporter) {
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+        return false;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    benchmark::Shutdown();
+    return true;
+}
+
+// Prints `what`, the two names joined by `joint` and the ratio of their medians (`over` by
+// `under`), and whether it meets `target` (none when 0) from below or from above.
+inline void printRatio(const MedianReporter& reporter, const char* subject, const char* baseline,
+                       const char* over, const char* under, const char* joint, double target,
+                       bool atLeast, const char* what) {
+    const auto o = reporter.medians.find(over);
+    const auto u = reporter.medians.find(under);
+    if (o == reporter.medians.end() || u == reporter.medians.end())
+        return; // filtered out
+    const double ratio = o->second / u->second;
+    std::cout << what << ": " << subject << joint << baseline << " = " << ratio;
+    if (target > 0)
+        std::cout << " (target " << (atLeast ? ">= " : "<= ") << target << ", "
+                  << ((atLeast ? ratio >= target : ratio <= target) ? "met" : "NOT met") << ")";
+    std::cout << "\n";
+}
+
 // Prints how many times faster `subject` is than `baseline` (their median times divided:
 // above 1 means faster), against a target given as the least acceptable such figure (none when
 // the target is 0).
 inline void printSpeedRatio(const MedianReporter& reporter, const char* subject,
                             const char* baseline, double target, const char* what) {
-    const auto s = reporter.medians.find(subject);
-    const auto b = reporter.medians.find(baseline);
-    if (s == reporter.medians.end() || b == reporter.medians.end())
-        return; // filtered out
-    const double ratio = b->second / s->second;
-    std::cout << what << ": " << subject << " vs " << baseline << " = " << ratio;
-    if (target > 0)
-        std::cout << " (target >= " << target << ", " << (ratio >= target ? "met" : "NOT met")
-                  << ")";
-    std::cout << "\n";
+    printRatio(reporter, subject, baseline, baseline, subject, " vs ", target, true, what);
 }
 
 // Prints how many times the baseline's median time `subject` takes (1.0 is parity, lower is
 // better), against a target given as the largest acceptable such figure (none when it is 0).
 inline void printCost(const MedianReporter& reporter, const char* subject, const char* baseline,
                       double target, const char* what) {
-    const auto s = reporter.medians.find(subject);
-    const auto b = reporter.medians.find(baseline);
-    if (s == reporter.medians.end() || b == reporter.medians.end())
-        return; // filtered out
-    const double ratio = s->second / b->second;
-    std::cout << what << ": " << subject << " / " << baseline << " = " << ratio;
-    if (target > 0)
-        std::cout << " (target <= " << target << ", " << (ratio <= target ? "met" : "NOT met")
-                  << ")";
-    std::cout << "\n";
+    printRatio(reporter, subject, baseline, subject, baseline, " / ", target, false, what);
 }
 
 #endif

@@ -173,12 +173,9 @@ BENCHMARK(BM_ZlibDeflateDirect)
 } // namespace
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
     MedianReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
+    if (!runBenchmarks(argc, argv, reporter))
+        return 1;
     std::cout << "\nRatios of median times (" << kRepetitions << " repetitions):\n";
     printSpeedRatio(reporter, "BM_VirtualFileWriteRead/0", "BM_TempFileWriteRead", 0.75,
                     "write + read throughput against a temporary file, default 8 KiB pages");

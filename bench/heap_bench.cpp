@@ -134,11 +134,9 @@ BENCHMARK(BM_Fixed64_fixedpool_plain);
 } // namespace
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
     MedianReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
+    if (!runBenchmarks(argc, argv, reporter))
+        return 1;
     std::cout << "\nSpeed-up (baseline time / our time, medians where repeated):\n";
     printSpeedRatio(reporter, "BM_Mix_arena", "BM_Mix_malloc", 1.0, "arena bins, 8-256 bytes");
     printSpeedRatio(reporter, "BM_Mix_arena", "BM_Mix_pmr", 2.0, "arena bins, 8-256 bytes");
@@ -152,6 +150,5 @@ int main(int argc, char** argv) {
                     "fixed pool, plain, 64 bytes");
     printSpeedRatio(reporter, "BM_Fixed64_fixedpool_plain", "BM_Fixed64_pmr", 2.0,
                     "fixed pool, plain, 64 bytes");
-    benchmark::Shutdown();
     return 0;
 }

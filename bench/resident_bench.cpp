@@ -239,12 +239,9 @@ BENCHMARK(BM_EngineAllocFree)->Repetitions(kRepetitions)->ReportAggregatesOnly(t
 BENCHMARK(BM_MallocFree)->Repetitions(kRepetitions)->ReportAggregatesOnly(true);
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
     MedianReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
+    if (!runBenchmarks(argc, argv, reporter))
+        return 1;
     std::cout << "\nRatios of median times (cost of ours / cost of the baseline):\n";
     printCost(reporter, "BM_ManagerHitHot", "BM_MapHitHot", 0.25,
               "hit on 1,000 hot objects vs unordered_map");

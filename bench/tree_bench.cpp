@@ -185,13 +185,10 @@ BENCHMARK(BM_StoreWalkPaged)
 } // namespace
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
     std::cout << "tree of " << kNodes << " nodes, " << kTreeBytes << " bytes in the store\n";
     MedianReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
+    if (!runBenchmarks(argc, argv, reporter))
+        return 1;
     printCost(reporter, "BM_StoreWalkResident", "BM_HeapWalk", 2.0,
               "resident walk, times the heap tree's time");
     printCost(reporter, "BM_StoreWalkPaged", "BM_HeapWalk", 0,

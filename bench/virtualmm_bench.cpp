@@ -320,12 +320,9 @@ BENCHMARK(BM_Fingerprint)->Repetitions(kRepetitions);
 BENCHMARK(BM_ZlibCrc32)->Repetitions(kRepetitions);
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
     MedianReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
+    if (!runBenchmarks(argc, argv, reporter))
+        return 1;
     std::cout << "\nRatios of median times:\n";
     printSpeedRatio(reporter, "BM_StoreScan", "BM_PwritePreadScan", 0.9,
                     "256 MiB scan through a 32 MiB budget, throughput relative to pwrite+pread");
