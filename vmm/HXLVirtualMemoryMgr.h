@@ -160,6 +160,9 @@ private:
     // The container maps its nodes through the same fast path, held beside its manager pointer
     // so that a step of a walk loads one pointer less.
     friend class HXLVirtualContainer;
+    // A reference guard gives its reference back through the same fast path, and goes to the
+    // store only when that declines.
+    template <class T> friend class HXLVirtualReference;
     // The fast path of `memMgr`, or the empty table when it is null.
     static tcmalloc::FastTable* fastPathOf(HXLVirtualMemoryMgr* memMgr);
 

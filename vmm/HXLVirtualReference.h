@@ -51,14 +51,18 @@ public:
           m_offset(node != nullptr ? node->getPageOffset() : 0), m_address(node) {}
     /// Gives back the reference held, if any; see the class on exceptions.
     ~HXLVirtualReference() noexcept(false) {
-        if (owes() && std::uncaught_exceptions() > 0) {
+        // A resident object is let go inline and cannot fail; only the store's own dismiss
+        // may throw, and only that needs to know whether an exception is on its way out.
+        if (!owes() || tcmalloc::fastDismiss(*m_memMgr->m_fast, m_offset))
+            return;
+        if (std::uncaught_exceptions() > 0) {
             try {
-                m_memMgr->dismiss(m_offset);
+                m_memMgr->dismissSlow(m_offset);
             } catch (...) {
             }
             return;
         }
-        reset();
+        m_memMgr->dismissSlow(m_offset);
     }
 
     /// Not copyable: one reference has one holder.
