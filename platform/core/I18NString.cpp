@@ -192,21 +192,26 @@ bool I18NString::empty() const {
     return m_units.empty();
 }
 
-// Fills the narrow cache in `wanted` encoding: out of line, so that a cached c_str saves no
-// registers.
-__attribute__((noinline)) static void fillNarrow(std::string& narrow, const std::u16string& units,
-                                                 int wanted) {
-    narrow = wanted == static_cast<int>(Encoding::Latin1) ? encodeLatin1(units) : encodeUtf8(units);
+// c_str beyond a cached UTF-8 form: names an encoding, or fills the cache. Out of line, so
+// that the cached case saves no registers.
+__attribute__((noinline)) static const char* narrowForm(std::string& narrow, int& narrowEncoding,
+                                                        const std::u16string& units,
+                                                        const char* encoding, int* length) {
+    const int wanted = static_cast<int>(encodingOf(encoding));
+    if (narrowEncoding != wanted) {
+        narrow =
+            wanted == static_cast<int>(Encoding::Latin1) ? encodeLatin1(units) : encodeUtf8(units);
+        narrowEncoding = wanted;
+    }
+    if (length != nullptr)
+        *length = static_cast<int>(narrow.size() + 1);
+    return narrow.c_str();
 }
 
 const char* I18NString::c_str(const char* encoding, int* length, conv, void*) const {
-    // A null name (UTF-8) is by far the most frequent; it needs no name comparison.
-    const int wanted =
-        static_cast<int>(encoding == nullptr ? Encoding::Utf8 : encodingOf(encoding));
-    if (m_narrowEncoding != wanted) {
-        fillNarrow(m_narrow, m_units, wanted);
-        m_narrowEncoding = wanted;
-    }
+    // A null name (UTF-8) whose form is cached is by far the most frequent call.
+    if (encoding != nullptr || m_narrowEncoding != static_cast<int>(Encoding::Utf8))
+        return narrowForm(m_narrow, m_narrowEncoding, m_units, encoding, length);
     if (length != nullptr)
         *length = static_cast<int>(m_narrow.size() + 1);
     return m_narrow.c_str();
