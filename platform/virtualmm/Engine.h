@@ -308,11 +308,70 @@ struct ScanEntry {
     unsigned stamp;
 };
 
-// One span that a sweep chose to write, with the fingerprint of the bytes it writes.
+// One span to be written, with the fingerprint of the bytes it writes.
 struct BatchEntry {
     Span* span;
     unsigned long long fingerprint;
-    bool newSlot;
+    bool newSlot; // its file slot was taken for this write, and goes back if the write fails
+};
+
+// The write batch (rules 10 and 18): spans a sweep chose, which leave memory once written, and
+// spans written behind (kBehind), which stay. A span is in it exactly when its kInBatch bit is
+// set. Only the leaving spans' bytes make room; both kinds count towards a full batch. Between
+// engine calls it holds only spans written behind.
+class WriteBatch {
+public:
+    // Room for a full batch, so that adding never allocates.
+    void reserve() { m_entries.reserve(kIoRunBytes >> kPageShift); }
+    // Adds a span chosen by a sweep, to be written with `print`, or a span printed at its
+    // first release, to be written behind. True when the batch is full: it must be flushed.
+    bool addLeaving(Span* span, unsigned long long print) {
+        m_entries.push_back({span, print, false}); // cannot throw: reserved, flushed when full
+        span->flags |= kInBatch;
+        m_leavingBytes += span->bytes();
+        return full();
+    }
+    bool addBehind(Span* span) {
+        m_entries.push_back({span, span->fingerprint, false}); // as addLeaving
+        span->flags |= kInBatch | kBehind;
+        m_behindBytes += span->bytes();
+        ++m_behindSpans;
+        return full();
+    }
+    // Takes a span written behind out again.
+    void removeBehind(Span* span) {
+        const auto entry = std::find_if(m_entries.begin(), m_entries.end(),
+                                        [span](const BatchEntry& e) { return e.span == span; });
+        m_entries.erase(entry);
+        span->flags &= static_cast<unsigned char>(~(kInBatch | kBehind));
+        m_behindBytes -= span->bytes();
+        --m_behindSpans;
+    }
+    // The entries, for the flush to order and write; clear() ends the flush.
+    std::vector<BatchEntry>& entries() { return m_entries; }
+    const std::vector<BatchEntry>& entries() const { return m_entries; }
+    void clear() {
+        m_entries.clear();
+        m_leavingBytes = m_behindBytes = 0;
+        m_behindSpans = 0;
+    }
+    // Bytes of the spans that leave memory when written: the room a flush makes.
+    unsigned long long leavingBytes() const { return m_leavingBytes; }
+    unsigned long long behindBytes() const { return m_behindBytes; }
+    // Spans that leave memory when written.
+    std::size_t leavingSpans() const { return m_entries.size() - m_behindSpans; }
+    std::size_t behindSpans() const { return m_behindSpans; }
+
+private:
+    bool full() const {
+        return m_leavingBytes + m_behindBytes >= kIoRunBytes ||
+               m_entries.size() == m_entries.capacity();
+    }
+
+    std::vector<BatchEntry> m_entries;
+    unsigned long long m_leavingBytes = 0;
+    unsigned long long m_behindBytes = 0;
+    std::size_t m_behindSpans = 0;
 };
 
 // The clock ring (rule 2): every resident span once, in a circle, with the hand of the sweep.
@@ -470,7 +529,6 @@ private:
     bool chooseVictim(Span* span);
     bool flushBatch();
     void writeBehind(Span* span);
-    void leaveBatch(Span* span);
     void evict(Span* span);
     void queueForScan(Span* span);
     HXL_VMM_OUT_OF_LINE bool pageIn(Span* span);
@@ -514,10 +572,7 @@ private:
     std::unordered_map<unsigned long long, unsigned> m_bigCounts; // offset -> count >= 255
     ClockRing m_ring;
     SpanMemory m_memory;
-    std::vector<BatchEntry> m_batch;      // spans to be written, still resident
-    unsigned long long m_batchBytes = 0;  // of the spans in the batch that leave memory
-    unsigned long long m_behindBytes = 0; // of the spans in the batch that stay (rule 18)
-    unsigned m_behindSpans = 0;
+    WriteBatch m_batch;
     std::vector<iovec> m_pieces;       // scratch for gathered transfers
     std::vector<Span*> m_run;          // scratch for read-ahead
     std::vector<FastSpan*> m_hots;     // scratch for read-ahead: the runs' hot blocks

@@ -15,13 +15,13 @@ bool VirtualMemoryPool::Engine::makeRoom(unsigned long long incoming) {
         return true;
     const unsigned long long goal = m_table.budget - spare();
     auto needMore = [&] {
-        return m_table.residentBytes - m_batchBytes + incoming > goal &&
-               unpinnedResident() > m_batch.size() - m_behindSpans;
+        return m_table.residentBytes - m_batch.leavingBytes() + incoming > goal &&
+               unpinnedResident() > m_batch.leavingSpans();
     };
     // A span in the batch to be written behind leaves memory with it instead (rule 18).
     auto choose = [&](Span* span) {
         if ((span->flags & kBehind) != 0)
-            leaveBatch(span);
+            m_batch.removeBehind(span);
         return chooseVictim(span);
     };
     auto chosen = [](const Span* span) { return (span->flags & (kInBatch | kBehind)) == kInBatch; };
@@ -62,12 +62,7 @@ bool VirtualMemoryPool::Engine::chooseVictim(Span* span) {
         const unsigned long long print =
             span->state == kPrinted ? span->fingerprint : fingerprint(span->memory, span->bytes());
         if (span->state != kMaybe || print != span->fingerprint) {
-            m_batch.push_back({span, print, false}); // cannot throw: flushed when full
-            span->flags |= kInBatch;
-            m_batchBytes += span->bytes();
-            if (m_batchBytes + m_behindBytes >= kIoRunBytes || m_batch.size() == m_batch.capacity())
-                return flushBatch();
-            return true;
+            return !m_batch.addLeaving(span, print) || flushBatch();
         }
         setState(span, kExact); // mapped for writing, but not a byte changed
     }
@@ -79,81 +74,66 @@ bool VirtualMemoryPool::Engine::chooseVictim(Span* span) {
 // The span, just printed at its first release in a full store, is written with the next batch
 // and stays resident (rule 18).
 void VirtualMemoryPool::Engine::writeBehind(Span* span) {
-    m_batch.push_back({span, span->fingerprint, false}); // cannot throw: flushed when full
-    span->flags |= kInBatch | kBehind;
-    m_behindBytes += span->bytes();
-    ++m_behindSpans;
-    if (m_batchBytes + m_behindBytes >= kIoRunBytes || m_batch.size() == m_batch.capacity())
+    if (m_batch.addBehind(span))
         flushBatch(); // a failed write leaves the spans with no copy (rule 8)
-}
-
-// Takes a span that was to be written behind out of the batch.
-void VirtualMemoryPool::Engine::leaveBatch(Span* span) {
-    const auto entry = std::find_if(m_batch.begin(), m_batch.end(),
-                                    [span](const BatchEntry& e) { return e.span == span; });
-    m_batch.erase(entry);
-    span->flags &= static_cast<unsigned char>(~(kInBatch | kBehind));
-    m_behindBytes -= span->bytes();
-    --m_behindSpans;
 }
 
 // Writes the batch in runs of adjacent file slots; each span chosen by a sweep leaves memory
 // when written, each span written behind stays with an exact copy.
 bool VirtualMemoryPool::Engine::flushBatch() {
     // A span to be written behind that was mapped for writing since is left to the sweep.
-    for (std::size_t i = m_batch.size(); i-- > 0;)
-        if ((m_batch[i].span->flags & kBehind) != 0 && m_batch[i].span->state != kPrinted)
-            leaveBatch(m_batch[i].span);
-    if (m_batch.empty())
+    std::vector<BatchEntry>& batch = m_batch.entries();
+    for (std::size_t i = batch.size(); i-- > 0;)
+        if ((batch[i].span->flags & kBehind) != 0 && batch[i].span->state != kPrinted)
+            m_batch.removeBehind(batch[i].span);
+    if (batch.empty())
         return true;
     const bool opened = m_file.open();
-    for (BatchEntry& entry : m_batch) {
+    for (BatchEntry& entry : batch) {
         Span* span = entry.span;
         if (opened && span->fileSlot == kNoSlot) {
             span->fileSlot = m_file.take(span->pageCount, span);
             entry.newSlot = span->fileSlot != kNoSlot;
         }
     }
-    std::sort(m_batch.begin(), m_batch.end(), [](const BatchEntry& a, const BatchEntry& b) {
+    std::sort(batch.begin(), batch.end(), [](const BatchEntry& a, const BatchEntry& b) {
         return a.span->fileSlot < b.span->fileSlot;
     });
     bool allWritten = true;
-    for (std::size_t first = 0, end; first < m_batch.size(); first = end) {
+    for (std::size_t first = 0, end; first < batch.size(); first = end) {
         // A run: slots that follow one another, as many as one gathered call takes.
         end = first + 1;
-        while (end < m_batch.size() && end - first < IOV_MAX &&
-               m_batch[end].span->fileSlot ==
-                   m_batch[end - 1].span->fileSlot + m_batch[end - 1].span->pageCount)
+        while (end < batch.size() && end - first < IOV_MAX &&
+               batch[end].span->fileSlot ==
+                   batch[end - 1].span->fileSlot + batch[end - 1].span->pageCount)
             ++end;
         m_pieces.clear();
         for (std::size_t i = first; i < end; ++i)
-            m_pieces.push_back({m_batch[i].span->memory, m_batch[i].span->bytes()});
-        const unsigned slot = m_batch[first].span->fileSlot;
+            m_pieces.push_back({batch[i].span->memory, batch[i].span->bytes()});
+        const unsigned slot = batch[first].span->fileSlot;
         const bool attempted = opened && slot != kNoSlot;
         const bool written =
             attempted && m_file.write(m_pieces.data(), static_cast<unsigned>(end - first), slot);
         allWritten &= written;
         for (std::size_t i = first; i < end; ++i) {
-            Span* span = m_batch[i].span;
+            Span* span = batch[i].span;
             const bool stays = (span->flags & kBehind) != 0;
             span->flags &= static_cast<unsigned char>(~(kInBatch | kBehind));
             if (written) {
-                span->fingerprint = m_batch[i].fingerprint;
+                span->fingerprint = batch[i].fingerprint;
                 setState(span, kExact);
                 ++m_counts.pageWrites;
                 if (!stays)
                     evict(span);
                 continue;
             }
-            if (m_batch[i].newSlot)
+            if (batch[i].newSlot)
                 giveFileSlot(span);
             if (attempted || span->state == kPrinted)
                 setState(span, kNoCopy); // its slot may now hold part of the new bytes (rule 8)
         }
     }
     m_batch.clear();
-    m_batchBytes = m_behindBytes = 0;
-    m_behindSpans = 0;
     return allWritten;
 }
 

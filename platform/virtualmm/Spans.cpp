@@ -58,7 +58,7 @@ VirtualMemoryPool::Engine::Engine(unsigned long long budget, const char* path)
         size += step;
     }
     // The scratch vectors never grow half-way through moving spans.
-    m_batch.reserve(kIoRunBytes >> kPageShift);
+    m_batch.reserve();
     m_pieces.reserve(kIoRunBytes >> kPageShift);
     m_run.reserve(kIoRunBytes >> kPageShift);
     m_hots.reserve(kIoRunBytes >> kPageShift);
@@ -189,7 +189,7 @@ Span* VirtualMemoryPool::Engine::newSpan(unsigned short classIndex, unsigned pag
 
 void VirtualMemoryPool::Engine::releaseSpan(Span* span) {
     if ((span->flags & kBehind) != 0)
-        leaveBatch(span);
+        m_batch.removeBehind(span);
     if (span->resident())
         leaveMemory(span);
     if (span->fileSlot != kNoSlot)
@@ -313,7 +313,7 @@ void VirtualMemoryPool::Engine::checkSpan(const Span* span) const {
 }
 
 void VirtualMemoryPool::Engine::verify() const {
-    unsigned long long resident = 0, outstanding = 0, objects = 0, bigCounts = 0;
+    unsigned long long resident = 0, outstanding = 0, objects = 0, bigCounts = 0, batched = 0;
     unsigned long long pagesMapped = 0, filePages = 0, slots = 0, arenaPages = 0;
     VMM_CHECK(m_table.pages == reinterpret_cast<const FastPage*>(&m_table + 1) &&
                   m_table.pageCount == m_fastPages.size(),
@@ -350,6 +350,7 @@ void VirtualMemoryPool::Engine::verify() const {
         if (span->classIndex != kLargeClass && span->liveCount == 0)
             ++emptySpans[span->classIndex];
         objects += span->liveCount;
+        batched += (span->flags & kInBatch) != 0;
     }
     // Rule 16: the count of empty spans per class is exact and bounded.
     for (std::size_t index = 0; index < m_classes.size(); ++index) {
@@ -381,13 +382,14 @@ void VirtualMemoryPool::Engine::verify() const {
     VMM_CHECK(bigCounts == m_bigCounts.size(), bigCounts);
     VMM_CHECK(objects == m_counts.objectsCurrent, objects);
     unsigned long long behindBytes = 0;
-    for (const BatchEntry& entry : m_batch) {
+    for (const BatchEntry& entry : m_batch.entries()) {
         VMM_CHECK((entry.span->flags & kBehind) != 0, entry.span->firstPage);
         VMM_CHECK(entry.span->resident(), entry.span->firstPage);
         behindBytes += entry.span->bytes();
     }
-    VMM_CHECK(m_batchBytes == 0 && m_behindSpans == m_batch.size(), m_batch.size());
-    VMM_CHECK(behindBytes == m_behindBytes, behindBytes);
+    VMM_CHECK(m_batch.leavingBytes() == 0 && m_batch.leavingSpans() == 0, m_batch.leavingSpans());
+    VMM_CHECK(behindBytes == m_batch.behindBytes(), behindBytes);
+    VMM_CHECK(batched == m_batch.entries().size(), batched); // kInBatch names the batch's spans
     VMM_CHECK(pagesMapped + m_pageNumbers.freeUnits() + 1 == m_pageNumbers.end(), pagesMapped);
     VMM_CHECK(filePages == m_file.pagesInUse(), filePages); // rule 6 and P2
     VMM_CHECK(slots == m_file.ownerCount(), slots);
