@@ -52,17 +52,16 @@ public:
     /// Gives back the reference held, if any; see the class on exceptions.
     ~HXLVirtualReference() noexcept(false) {
         // A resident object is let go inline and cannot fail; only the store's own dismiss
-        // may throw, and only that needs to know whether an exception is on its way out.
+        // may throw, and only then does it matter whether an exception is on its way out.
         if (!owes() || tcmalloc::fastDismiss(*m_memMgr->m_fast, m_offset))
             return;
-        if (std::uncaught_exceptions() > 0) {
-            try {
-                m_memMgr->dismissSlow(m_offset);
-            } catch (...) {
-            }
-            return;
+        try {
+            m_memMgr->dismissSlow(m_offset);
+        } catch (...) {
+            if (std::uncaught_exceptions() > 0)
+                return; // the exception that is unwinding this scope goes on
+            throw;
         }
-        m_memMgr->dismissSlow(m_offset);
     }
 
     /// Not copyable: one reference has one holder.

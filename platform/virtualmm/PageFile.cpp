@@ -118,8 +118,8 @@ unsigned PageFile::take(unsigned pages, const void* owner) {
         const unsigned long long slot = m_space.take(pages);
         if (slot + pages <= kNoSlot) {
             try {
-                if (m_owners.size() < slot + pages)
-                    m_owners.resize(slot + pages);
+                while (m_owners.size() < slot + pages) // mostly one entry: no call
+                    m_owners.push_back(nullptr);
                 m_owners[slot] = owner;
                 return static_cast<unsigned>(slot);
             } catch (const std::bad_alloc&) {
