@@ -18,6 +18,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <sstream>
 #include <stdexcept>
@@ -55,12 +56,18 @@ inline std::string mapperReport(HXLVirtualMemoryMgr& memMgr, int flags) {
     return report.str();
 }
 
-// Objects of the store with a reference held, from the line of the store's report.
+// The rest of the line of the store's report (dumped with `flags`) behind `marker`; empty if
+// the report has no such line.
+inline std::string reportLine(HXLVirtualMemoryMgr& memMgr, int flags, const std::string& marker) {
+    const std::string text = mapperReport(memMgr, flags);
+    const std::string::size_type at = text.find(marker), from = at + marker.size();
+    return at == std::string::npos ? "" : text.substr(from, text.find('\n', from) - from);
+}
+
+// Objects of the store with a reference held: the report leaves out the line while there are none.
 inline unsigned long long heldReferences(HXLVirtualMemoryMgr& memMgr) {
-    const std::string marker = "Total Objects with reference count > 0 : ",
-                      text = mapperReport(memMgr, 0);
-    const std::string::size_type at = text.find(marker);
-    return at == std::string::npos ? 0 : std::stoull(text.substr(at + marker.size()));
+    return std::strtoull(reportLine(memMgr, 0, "Total Objects with reference count > 0 : ").c_str(),
+                         nullptr, 10);
 }
 
 // The descriptor, in this process, of the page file `name`: unlinked at once but open, so found
@@ -82,13 +89,8 @@ inline int pageFileDescriptor(const std::string& name) {
 }
 // The page file of `memMgr`, by the name its report gives; -1 before the first page-out.
 inline int pageFileDescriptor(HXLVirtualMemoryMgr& memMgr) {
-    const std::string marker = "Paging File - ",
-                      text = mapperReport(memMgr, HXLVirtualMemoryMgr::eDumpStats);
-    const std::string::size_type at = text.find(marker);
-    if (at == std::string::npos)
-        return -1;
-    const std::string::size_type from = at + marker.size();
-    return pageFileDescriptor(text.substr(from, text.find('\n', from) - from));
+    return pageFileDescriptor(
+        reportLine(memMgr, HXLVirtualMemoryMgr::eDumpStats, "Paging File - "));
 }
 
 // A string from UTF-8, and a string as UTF-8 or in another encoding, marked if the length that

@@ -54,10 +54,6 @@ public:
             }
         }
     }
-    void verifyAll() const {
-        for (const auto& block : m_live)
-            check(holds(block.first, block.second.size, block.second.seed), "a block's bytes");
-    }
     const std::map<char*, Block>& live() const { return m_live; }
 
 private:
@@ -220,28 +216,23 @@ template <class Pool> void run(FuzzInput& in) {
     Blocks blocks;
     while (in.more()) {
         const unsigned op = in.byte() % 8;
-        if (op < 4) {
+        if (op < 4)
             pool.alloc(in.below(op == 0 ? pool.kLarge : pool.kSmall + 2), in, blocks);
-        } else if (op < 7) {
+        else if (op < 7)
             blocks.free(in, pool, op == 6);
-        } else {
+        else
             pool.upkeep(in, blocks);
-        }
         pool.invariant(blocks);
     }
-    blocks.verifyAll();
+    for (const auto& block : blocks.live())
+        check(holds(block.first, block.second.size, block.second.seed), "a block's bytes");
 }
 
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FuzzInput in(data, size);
-    const unsigned kind = in.byte() % 3;
-    if (kind == 0)
-        run<MemoryPool>(in);
-    else if (kind == 1)
-        run<FixedPool>(in);
-    else
-        run<Arena>(in);
+    void (*const runs[])(FuzzInput&) = {run<MemoryPool>, run<FixedPool>, run<Arena>};
+    runs[in.byte() % 3](in);
     return 0;
 }

@@ -36,10 +36,6 @@ typedef std::vector<unsigned long long> Words;
 const int kNodes = 40; // id 0 is the root; every id % 4 == 3 is an Item
 const unsigned long long kRoot = HXLVirtualPageItem::kInvalidOffset;
 
-unsigned long long addressOf(const void* address) {
-    return reinterpret_cast<unsigned long long>(address);
-}
-
 // Read errors for the time of one operation: the page file is overwritten with a pattern, and
 // afterwards every page that still holds the pattern gets its bytes back (pages the store wrote
 // meanwhile stay as written).
@@ -246,14 +242,12 @@ private:
     // set under the root. A node in no list keeps the links it had when it left.
     void checkList(int id, bool names) {
         const Ids& kids = m_kids[id];
-        if (id > 0 && m_parent[id] == -1) {
-            NodeRef node = hold(id);
-            check(Words({node->getPreviousSiblingPageItem().getOffset(),
-                         node->getNextSiblingPageItem().getOffset(),
-                         node->getParentPageItem().getOffset()}) == m_kept[id],
-                  "the links of a node in no list");
-        }
         NodeRef owner = hold(id);
+        check(id == 0 || m_parent[id] != -1 ||
+                  Words({owner->getPreviousSiblingPageItem().getOffset(),
+                         owner->getNextSiblingPageItem().getOffset(),
+                         owner->getParentPageItem().getOffset()}) == m_kept[id],
+              "the links of a node in no list");
         check(owner->getChildCount() == kids.size() && owner->hasChildren() == !kids.empty() &&
                   owner->getFirstChildPageItem().getOffset() == offsetAt(kids, 0) &&
                   owner->getLastChildPageItem().getOffset() == offsetAt(kids, kids.size() - 1),
@@ -266,8 +260,9 @@ private:
             std::memcpy(words.data(), static_cast<const void*>(c), 72);
             words[8] &= 0xFFFFFFFFu; // the other half is padding
             check(Words(words.begin() + 1, words.end()) ==
-                      Words({m_offset[kids[i]], addressOf(&m_tree),
-                             id > 0 ? m_offset[id] : addressOf(m_tree.getRootNode()),
+                      Words({m_offset[kids[i]], reinterpret_cast<uintptr_t>(&m_tree),
+                             id > 0 ? m_offset[id]
+                                    : reinterpret_cast<uintptr_t>(m_tree.getRootNode()),
                              offsetAt(own, 0), offsetAt(own, own.size() - 1), offsetAt(kids, i - 1),
                              offsetAt(kids, i + 1), own.size() | (id > 0 ? 0 : 0x80000000u)}),
                   "stored image");

@@ -208,10 +208,9 @@ private:
     }
     // Every object, in offset order (the page-ins read ahead): null only under I/O faults.
     void readAll() {
-        for (auto it = m_model.begin(); it != m_model.end(); ++it) {
+        for (auto it = m_model.begin(); it != m_model.end(); ++it)
             if (map(it, false, true) != nullptr)
                 unmap(it->first, false);
-        }
     }
 
     const unsigned long long m_budget;
