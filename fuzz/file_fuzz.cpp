@@ -7,12 +7,7 @@
 // last reset. No reference may outlive the file. tests/file_test.cpp runs it on seeded inputs.
 //
 //   cmake --build build/fuzz --target file_fuzz && build/fuzz/fuzz/file_fuzz -max_total_time=600
-#include "HXLVirtualFile.h"
 #include "fuzz_util.h"
-
-#include <algorithm>
-#include <string>
-#include <vector>
 
 namespace {
 

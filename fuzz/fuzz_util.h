@@ -1,7 +1,7 @@
-// What the library's fuzz targets share: reading the input as a program, failing loudly, the
-// store's count of objects that still hold a reference and its page file, strings to and from
-// UTF-8, the bytes objects and files are filled with and a file's bytes read back, and the paging
-// engine's figures. Each target's one-input function is its model; the test program of its
+// What the library's fuzz targets share: the headers, reading the input as a program, failing
+// loudly, the store's count of objects that still hold a reference and its page file, strings to
+// and from UTF-8, the bytes objects and files are filled with and a file's bytes read back, and the
+// paging engine's figures. Each target's one-input function is its model; the test program of its
 // subsystem compiles it in and runs it on seeded inputs, so a check throws rather than aborts
 // (under libFuzzer the exception ends the run all the same, and the input is kept).
 #ifndef FUZZ_UTIL_H
@@ -16,10 +16,14 @@
 #include <unistd.h>
 #include <zlib.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <map>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 #include <string>

@@ -6,15 +6,12 @@
 // step. tests/heap_test.cpp runs it on seeded inputs.
 //
 //   cmake --build build/fuzz --target heap_fuzz && build/fuzz/fuzz/heap_fuzz -max_total_time=600
-#include "HXLCore.h"
 #include "HXLFixedMemoryPool.h"
 #include "HXLMemoryArena.h"
 #include "HXLMemoryPool.h"
 #include "fuzz_util.h"
 
-#include <algorithm>
 #include <iterator>
-#include <map>
 
 namespace {
 

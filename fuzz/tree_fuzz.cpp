@@ -15,11 +15,6 @@
 #include "HXLVirtualUTF8String.h"
 #include "fuzz_util.h"
 
-#include <algorithm>
-#include <set>
-#include <string>
-#include <vector>
-
 namespace {
 
 // A name, and large enough that few share a span (the unit of paging, kept in memory whole
@@ -42,34 +37,33 @@ const unsigned long long kRoot = HXLVirtualPageItem::kInvalidOffset;
 class ReadErrors {
 public:
     void start(HXLVirtualMemoryMgr& memMgr) {
-        if (m_fd < 0)
-            m_fd = pageFileDescriptor(memMgr);
-        if (m_fd < 0)
-            return;
-        m_saved.assign(static_cast<size_t>(::lseek(m_fd, 0, SEEK_END)), '\0');
-        check(::pread(m_fd, &m_saved[0], m_saved.size(), 0) == static_cast<ssize_t>(m_saved.size()),
-              "read the page file");
-        const std::string pattern(m_saved.size(), kPattern);
-        check(::pwrite(m_fd, pattern.data(), pattern.size(), 0) ==
-                  static_cast<ssize_t>(pattern.size()),
-              "overwrite the page file");
+        m_fd = m_fd < 0 ? pageFileDescriptor(memMgr) : m_fd;
+        m_saved = contents();
+        put(std::string(m_saved.size(), kPattern), 0);
     }
     void end() {
-        if (m_fd < 0)
-            return;
-        std::string page(kPage, '\0');
+        const std::string now = contents();
         for (size_t at = 0; at < m_saved.size(); at += kPage) {
-            const size_t n = std::min(kPage, m_saved.size() - at);
-            const ssize_t got = ::pread(m_fd, &page[0], n, static_cast<off_t>(at));
-            if (got == static_cast<ssize_t>(n) &&
-                page.find_first_not_of(kPattern) >= static_cast<size_t>(got))
-                check(::pwrite(m_fd, m_saved.data() + at, n, static_cast<off_t>(at)) ==
-                          static_cast<ssize_t>(n),
-                      "restore the page file");
+            const size_t stop = std::min(at + kPage, m_saved.size());
+            if (now.size() >= stop && now.find_first_not_of(kPattern, at) >= stop)
+                put(m_saved.substr(at, kPage), at);
         }
     }
 
 private:
+    // The whole page file; nothing before the first page-out, when there is none.
+    std::string contents() const {
+        std::string bytes(m_fd < 0 ? 0 : static_cast<size_t>(::lseek(m_fd, 0, SEEK_END)), '\0');
+        check(bytes.empty() ||
+                  ::pread(m_fd, &bytes[0], bytes.size(), 0) == static_cast<ssize_t>(bytes.size()),
+              "read the page file");
+        return bytes;
+    }
+    void put(const std::string& bytes, size_t at) const {
+        check(bytes.empty() || ::pwrite(m_fd, bytes.data(), bytes.size(), static_cast<off_t>(at)) ==
+                                   static_cast<ssize_t>(bytes.size()),
+              "write the page file");
+    }
     static constexpr char kPattern = '\xA5';
     static constexpr size_t kPage = 8192;
     int m_fd = -1;

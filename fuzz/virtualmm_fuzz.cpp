@@ -9,14 +9,7 @@
 //   cmake --build build/fuzz --target virtualmm_fuzz && build/fuzz/fuzz/virtualmm_fuzz
 //   -max_total_time=300
 #include "VirtualMemoryFastPath.h"
-#include "VirtualMemoryPool.h"
 #include "fuzz_util.h"
-
-#include <algorithm>
-#include <cerrno>
-#include <map>
-#include <unistd.h>
-#include <vector>
 
 namespace {
 

@@ -4,7 +4,6 @@
 #include "store_test_util.h"
 
 #include <tuple>
-#include <zlib.h>
 
 namespace {
 

@@ -5,13 +5,10 @@
 // the application's own code (a node's dump or onInit, a stream) and early exits from a walk
 // must leave no reference held.
 #include "HXLVirtualChildren.h"
-#include "HXLVirtualFile.h"
 #include "HXLVirtualReference.h"
 #include "store_test_util.h"
 
-#include <cerrno>
 #include <climits>
-#include <stdexcept>
 
 namespace {
 

@@ -2,7 +2,6 @@
 // that checks what comes back from the page file, a private page file that gives its space back,
 // and unchanged spans that are never rewritten while scans read ahead.
 #include "../platform/virtualmm/Fingerprint.h"
-#include "VirtualMemoryPool.h"
 #include "store_test_util.h"
 
 #include <sys/stat.h>
