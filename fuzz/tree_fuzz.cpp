@@ -86,19 +86,13 @@ public:
 
     void run(FuzzInput& in) {
         for (int step = 0; in.more(); ++step) {
-            const unsigned code = in.byte();
-            const unsigned op = code % 8;
+            const unsigned code = in.byte(), op = code % 8;
             const bool faulty = (code & 0x80) != 0 && op != 7; // a rename may not half-happen
             m_touched.clear();
             if (faulty)
                 m_errors.start(*m_tree.getMemoryMgr());
-            bool threw = false;
-            try {
-                edit(op, in);
-            } catch (const HXLOutOfMemoryError&) {
-                check(faulty, "out of memory without read errors");
-                threw = true;
-            }
+            const bool threw = raises<HXLOutOfMemoryError>([&] { edit(op, in); });
+            check(faulty || !threw, "out of memory without read errors");
             if (faulty)
                 m_errors.end();
             check(heldReferences(*m_tree.getMemoryMgr()) == 0, "a reference is left");
@@ -212,8 +206,7 @@ private:
                 return std::none_of(m_chain.begin(), m_chain.end(),
                                     [&](int top) { return inSubtree(id, top); });
             });
-            if (to < 0 || std::any_of(m_chain.begin(), m_chain.end(),
-                                      [this](int id) { return m_parent[id] != -1; }))
+            if (to < 0) // the end of every edit keeps the chain in no list
                 return;
             hold(to)->appendChildren(hold(m_chain.front()).get());
             link(to, m_kids[to].size(), m_chain);

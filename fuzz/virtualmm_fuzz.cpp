@@ -72,11 +72,13 @@ public:
                 add(size, arg);
             else
                 edit(op, arg, fast, std::next(m_model.begin(), arg % m_model.size()));
-            unsigned long long total = 0, modelTotal = 0;
-            check(m_pool.GetOutstandingReferences(nullptr, 0, &total) == m_pinned, "pinned count");
-            for (const auto& entry : m_model)
+            unsigned long long total = 0, modelTotal = 0, pinned = 0; // references, objects
+            for (const auto& entry : m_model) {
                 modelTotal += entry.second.pins;
-            check(total == modelTotal && poolStats(m_pool).objectsCurrent == m_model.size(),
+                pinned += entry.second.pins > 0;
+            }
+            check(m_pool.GetOutstandingReferences(nullptr, 0, &total) == pinned &&
+                      total == modelTotal && poolStats(m_pool).objectsCurrent == m_model.size(),
                   "counts");
             m_pool.Verify();
         }
@@ -107,7 +109,6 @@ private:
         fill(address, size, seed);
         const unsigned pins = seed & 0x2000 ? 1 : 0; // kept pinned, or let go at once
         m_model[item.offset] = {size, seed, pins, address};
-        m_pinned += pins;
         if (pins == 0)
             m_pool.Dismiss(item);
     }
@@ -130,12 +131,12 @@ private:
             m_pool.Dismiss(item);
     }
     void pin(Entry it, void* address) {
-        m_pinned += it->second.pins++ == 0;
+        ++it->second.pins;
         it->second.pinnedAt = address;
     }
     void unpin(Entry it, bool fast) {
         unmap(it->first, fast);
-        m_pinned -= --it->second.pins == 0;
+        --it->second.pins;
     }
 
     void edit(unsigned op, unsigned arg, bool fast, Entry it) {
@@ -161,7 +162,7 @@ private:
                 return;
             check(holds(address, it->second.size, it->second.seed), "wrong bytes after a move");
             pin(it, address);
-            m_pinned -= --from->second.pins == 0;
+            --from->second.pins;
         } else if (op < 9) { // unpin once or entirely; a dismiss of an unpinned object is misuse
             unsigned n = op == 7 ? 1 : std::max(it->second.pins, 1u);
             for (; n > 0 && it->second.pins > 0; --n)
@@ -180,7 +181,6 @@ private:
             unmap(it->first, fast);
         } else if (op < 13) {
             m_pool.Deallocate(item);
-            m_pinned -= it->second.pins > 0;
             m_model.erase(it);
         } else if (op == 13) { // offsets that name no object, and a size that cannot be had
             for (unsigned long long bad : {0ULL, ~0ULL, it->first + 1 + arg % 15, 1ULL << 40}) {
@@ -210,7 +210,6 @@ private:
     tcmalloc::VirtualMemoryPool m_pool;
     tcmalloc::FastTable* m_table;
     std::map<unsigned long long, Object> m_model;
-    unsigned long long m_pinned = 0;
 };
 
 } // namespace
