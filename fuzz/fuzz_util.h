@@ -1,7 +1,7 @@
-// What the library's fuzz targets share: reading the input as a program, failing loudly, the
-// store's count of objects that still hold a reference and its page file, strings to and from
-// UTF-8, the bytes objects and files are filled with and a file's bytes read back, and the paging
-// engine's figures. Each target's one-input function is its model; the test program of its
+// What the library's fuzz targets share: the headers, reading the input as a program, failing
+// loudly, the store's count of objects that still hold a reference and its page file, strings to
+// and from UTF-8, the bytes objects and files are filled with and a file's bytes read back, and the
+// paging engine's figures. Each target's one-input function is its model; the test program of its
 // subsystem compiles it in and runs it on seeded inputs, so a check throws rather than aborts
 // (under libFuzzer the exception ends the run all the same, and the input is kept).
 #ifndef FUZZ_UTIL_H
@@ -12,13 +12,18 @@
 #include "HXLVirtualMemoryMgr.h"
 #include "VirtualMemoryPool.h"
 
-#include <dirent.h>
 #include <unistd.h>
 #include <zlib.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <map>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -30,22 +35,26 @@ inline void check(bool ok, const char* what) {
         throw std::logic_error(what);
 }
 
+// Whether `call` raises `Error`; any other exception passes on.
+template <class Error, class Call> bool raises(Call call) {
+    try {
+        call();
+    } catch (const Error&) {
+        return true;
+    }
+    return false;
+}
+
 // The input, read front to back; 0 once it is used up.
 class FuzzInput {
 public:
-    FuzzInput(const uint8_t* data, size_t size) : m_data(data), m_size(size) {}
-    bool more() const { return m_size > 0; }
-    unsigned byte() {
-        if (m_size == 0)
-            return 0;
-        --m_size;
-        return *m_data++;
-    }
+    FuzzInput(const uint8_t* data, size_t size) : m_data(data), m_end(data + size) {}
+    bool more() const { return m_data < m_end; }
+    unsigned byte() { return more() ? *m_data++ : 0; }
     unsigned below(unsigned n) { return n == 0 ? 0 : (byte() | byte() << 8) % n; }
 
 private:
-    const uint8_t* m_data;
-    size_t m_size;
+    const uint8_t *m_data, *m_end;
 };
 
 // The store's report, dumped with `flags`.
@@ -55,40 +64,33 @@ inline std::string mapperReport(HXLVirtualMemoryMgr& memMgr, int flags) {
     return report.str();
 }
 
-// Objects of the store with a reference held, from the line of the store's report.
+// The rest of the line of the store's report (dumped with `flags`) behind `marker`; empty if
+// the report has no such line.
+inline std::string reportLine(HXLVirtualMemoryMgr& memMgr, int flags, const std::string& marker) {
+    const std::string text = mapperReport(memMgr, flags);
+    const std::string::size_type at = text.find(marker), from = at + marker.size();
+    return at == std::string::npos ? "" : text.substr(from, text.find('\n', from) - from);
+}
+
+// Objects of the store with a reference held: the report leaves out the line while there are none.
 inline unsigned long long heldReferences(HXLVirtualMemoryMgr& memMgr) {
-    const std::string marker = "Total Objects with reference count > 0 : ",
-                      text = mapperReport(memMgr, 0);
-    const std::string::size_type at = text.find(marker);
-    return at == std::string::npos ? 0 : std::stoull(text.substr(at + marker.size()));
+    return std::strtoull(reportLine(memMgr, 0, "Total Objects with reference count > 0 : ").c_str(),
+                         nullptr, 10);
 }
 
 // The descriptor, in this process, of the page file `name`: unlinked at once but open, so found
 // among the descriptors; -1 if there is none.
 inline int pageFileDescriptor(const std::string& name) {
-    int found = -1;
-    if (DIR* fds = ::opendir("/proc/self/fd")) {
-        while (const dirent* entry = ::readdir(fds)) {
-            char target[4096];
-            const std::string link = std::string("/proc/self/fd/") + entry->d_name;
-            const ssize_t length = ::readlink(link.c_str(), target, sizeof(target));
-            if (length > 0 &&
-                std::string(target, static_cast<size_t>(length)) == name + " (deleted)")
-                found = std::stoi(entry->d_name);
-        }
-        ::closedir(fds);
-    }
-    return found;
+    std::error_code closed; // a descriptor closed meanwhile has no target
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
+        if (std::filesystem::read_symlink(entry.path(), closed) == name + " (deleted)")
+            return std::stoi(entry.path().filename().string());
+    return -1;
 }
 // The page file of `memMgr`, by the name its report gives; -1 before the first page-out.
 inline int pageFileDescriptor(HXLVirtualMemoryMgr& memMgr) {
-    const std::string marker = "Paging File - ",
-                      text = mapperReport(memMgr, HXLVirtualMemoryMgr::eDumpStats);
-    const std::string::size_type at = text.find(marker);
-    if (at == std::string::npos)
-        return -1;
-    const std::string::size_type from = at + marker.size();
-    return pageFileDescriptor(text.substr(from, text.find('\n', from) - from));
+    return pageFileDescriptor(
+        reportLine(memMgr, HXLVirtualMemoryMgr::eDumpStats, "Paging File - "));
 }
 
 // A string from UTF-8, and a string as UTF-8 or in another encoding, marked if the length that
@@ -102,16 +104,23 @@ inline std::string narrow(const I18NString& text, const char* encoding = nullptr
     return std::string(bytes, length - 1) + (bytes[length - 1] == '\0' ? "" : "<no NUL>");
 }
 
-// An object's bytes from its seed, with no period a page could hide in.
+// `count` bytes that deflate well (even seed) or not at all (odd seed).
+inline std::string sample(size_t count, unsigned seed) {
+    std::string out(count, '\0');
+    unsigned state = seed * 2654435761u + 1;
+    for (size_t i = 0; i < count; ++i) {
+        state = state * 1103515245u + 12345u;
+        out[i] = static_cast<char>(seed % 2 != 0 ? state >> 16 : 'a' + (i / 7 + seed) % 4);
+    }
+    return out;
+}
+
+// An object's bytes from its seed: an odd sample, with no period a page could hide in.
 inline void fill(void* address, size_t size, unsigned seed) {
-    unsigned char* p = static_cast<unsigned char*>(address);
-    for (size_t i = 0; i < size; ++i)
-        p[i] = static_cast<unsigned char>(seed * 131 + i * 7 + (i >> 8));
+    std::memcpy(address, sample(size, 2 * seed + 1).data(), size);
 }
 inline bool holds(const void* address, size_t size, unsigned seed) {
-    std::vector<unsigned char> expected(size);
-    fill(expected.data(), size, seed);
-    return size == 0 || std::memcmp(address, expected.data(), size) == 0;
+    return size == 0 || std::memcmp(address, sample(size, 2 * seed + 1).data(), size) == 0;
 }
 
 // The engine's figures, without the per-pool part behind them.
@@ -124,17 +133,6 @@ inline tcmalloc::VirtualMemoryStats poolStats(tcmalloc::VirtualMemoryPool& pool)
     tcmalloc::VirtualMemoryStats head;
     std::memcpy(&head, block.data(), tcmalloc::VirtualMemoryStats::kFixedPoolsOffset);
     return head;
-}
-
-// `count` bytes that deflate well (even seed) or not at all (odd seed).
-inline std::string sample(size_t count, unsigned seed) {
-    std::string out(count, '\0');
-    unsigned state = seed * 2654435761u + 1;
-    for (size_t i = 0; i < count; ++i) {
-        state = state * 1103515245u + 12345u;
-        out[i] = static_cast<char>(seed % 2 != 0 ? state >> 16 : 'a' + (i / 7 + seed) % 4);
-    }
-    return out;
 }
 
 // All the bytes of `file`, read from its start.

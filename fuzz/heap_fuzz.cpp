@@ -6,21 +6,17 @@
 // step. tests/heap_test.cpp runs it on seeded inputs.
 //
 //   cmake --build build/fuzz --target heap_fuzz && build/fuzz/fuzz/heap_fuzz -max_total_time=600
-#include "HXLCore.h"
 #include "HXLFixedMemoryPool.h"
 #include "HXLMemoryArena.h"
 #include "HXLMemoryPool.h"
 #include "fuzz_util.h"
 
-#include <algorithm>
 #include <iterator>
-#include <map>
 
 namespace {
 
 // The live blocks of one pool: where, how many bytes, and the seed of their bytes.
-class Blocks {
-public:
+struct Blocks {
     struct Block {
         size_t size;
         unsigned seed;
@@ -29,39 +25,27 @@ public:
     void add(void* p, size_t size, uintptr_t remainder, unsigned seed) {
         char* at = static_cast<char*>(p);
         check(reinterpret_cast<uintptr_t>(p) % 16 == remainder, "alignment");
-        auto next = m_live.lower_bound(at);
-        check(next == m_live.end() || at + size <= next->first, "overlaps the next block");
-        check(next == m_live.begin() || std::prev(next)->first + std::prev(next)->second.size <= at,
+        auto next = live.lower_bound(at);
+        check(next == live.end() || at + size <= next->first, "overlaps the next block");
+        check(next == live.begin() || std::prev(next)->first + std::prev(next)->second.size <= at,
               "overlaps the block before");
         ::fill(at, size, seed);
-        m_live[at] = {size, seed};
+        live[at] = {size, seed};
     }
     // Frees a live block picked by the input, checked first; with `twice` a second free must
     // be refused where the pool tells (pool.free says whether it does for this block).
     template <class Pool> void free(FuzzInput& in, Pool& pool, bool twice) {
-        if (m_live.empty())
+        if (live.empty())
             return;
-        auto it = std::next(m_live.begin(), in.below(static_cast<unsigned>(m_live.size())));
+        auto it = std::next(live.begin(), in.below(static_cast<unsigned>(live.size())));
         void* p = it->first;
         const size_t size = it->second.size;
         check(holds(p, size, it->second.seed), "a block's bytes");
-        m_live.erase(it);
-        if (pool.free(p, size) && twice) {
-            try {
-                pool.free(p, size);
-                check(false, "a block freed twice");
-            } catch (const HXLAssertError&) { // refused, as it must be
-            }
-        }
+        live.erase(it);
+        check(!(pool.free(p, size) && twice) || raises<HXLAssertError>([&] { pool.free(p, size); }),
+              "a block freed twice");
     }
-    void verifyAll() const {
-        for (const auto& block : m_live)
-            check(holds(block.first, block.second.size, block.second.seed), "a block's bytes");
-    }
-    const std::map<char*, Block>& live() const { return m_live; }
-
-private:
-    std::map<char*, Block> m_live;
+    std::map<char*, Block> live;
 };
 
 // The three pools behind the same calls: alloc checks when null is allowed and records the block
@@ -109,7 +93,7 @@ public:
     void alloc(unsigned, FuzzInput& in, Blocks& blocks) {
         void* p = m_pool.alloc();
         const unsigned usable = m_size != 0 ? m_size : 16;
-        check(p != nullptr || (!m_expandable && (m_stranded || blocks.live().size() == capacity())),
+        check(p != nullptr || (!m_expandable && (m_stranded || blocks.live.size() == capacity())),
               "null with elements left");
         check(p == nullptr || !m_headers || HXLFixedMemoryPool::allocSize(p) == usable,
               "allocSize");
@@ -126,7 +110,7 @@ public:
         if (what == 0) {
             // In plain mode a grow while elements are free strands them: the count no longer
             // tells.
-            m_stranded = m_stranded || (!m_headers && blocks.live().size() < capacity());
+            m_stranded = m_stranded || (!m_headers && blocks.live.size() < capacity());
             m_pool.grow(nullptr);
         } else if (what == 1) {
             int before = 0, after = 0, inUse = 0;
@@ -145,7 +129,7 @@ public:
         }
     }
     void invariant(const Blocks& blocks) {
-        check(blocks.live().size() <= capacity(), "more live than made");
+        check(blocks.live.size() <= capacity(), "more live than made");
         if (m_headers)
             m_pool.checkForMemoryOverWrite();
     }
@@ -200,7 +184,7 @@ public:
             m_arena.getPoolStats(bin, &chunkSize, &chunks, nullptr);
             expected += static_cast<unsigned long long>(chunkSize) * chunks;
         }
-        for (const auto& block : blocks.live())
+        for (const auto& block : blocks.live)
             expected += block.second.size > kSmall ? block.second.size + 8 : 0;
         check(used() == expected && used() + m_remaining == m_ceiling, "the arena's budget");
     }
@@ -220,28 +204,23 @@ template <class Pool> void run(FuzzInput& in) {
     Blocks blocks;
     while (in.more()) {
         const unsigned op = in.byte() % 8;
-        if (op < 4) {
+        if (op < 4)
             pool.alloc(in.below(op == 0 ? pool.kLarge : pool.kSmall + 2), in, blocks);
-        } else if (op < 7) {
+        else if (op < 7)
             blocks.free(in, pool, op == 6);
-        } else {
+        else
             pool.upkeep(in, blocks);
-        }
         pool.invariant(blocks);
     }
-    blocks.verifyAll();
+    for (const auto& block : blocks.live)
+        check(holds(block.first, block.second.size, block.second.seed), "a block's bytes");
 }
 
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FuzzInput in(data, size);
-    const unsigned kind = in.byte() % 3;
-    if (kind == 0)
-        run<MemoryPool>(in);
-    else if (kind == 1)
-        run<FixedPool>(in);
-    else
-        run<Arena>(in);
+    void (*const runs[])(FuzzInput&) = {run<MemoryPool>, run<FixedPool>, run<Arena>};
+    runs[in.byte() % 3](in);
     return 0;
 }

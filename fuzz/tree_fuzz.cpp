@@ -15,11 +15,6 @@
 #include "HXLVirtualUTF8String.h"
 #include "fuzz_util.h"
 
-#include <algorithm>
-#include <set>
-#include <string>
-#include <vector>
-
 namespace {
 
 // A name, and large enough that few share a span (the unit of paging, kept in memory whole
@@ -36,44 +31,39 @@ typedef std::vector<unsigned long long> Words;
 const int kNodes = 40; // id 0 is the root; every id % 4 == 3 is an Item
 const unsigned long long kRoot = HXLVirtualPageItem::kInvalidOffset;
 
-unsigned long long addressOf(const void* address) {
-    return reinterpret_cast<unsigned long long>(address);
-}
-
 // Read errors for the time of one operation: the page file is overwritten with a pattern, and
 // afterwards every page that still holds the pattern gets its bytes back (pages the store wrote
 // meanwhile stay as written).
 class ReadErrors {
 public:
     void start(HXLVirtualMemoryMgr& memMgr) {
-        if (m_fd < 0)
-            m_fd = pageFileDescriptor(memMgr);
-        if (m_fd < 0)
-            return;
-        m_saved.assign(static_cast<size_t>(::lseek(m_fd, 0, SEEK_END)), '\0');
-        check(::pread(m_fd, &m_saved[0], m_saved.size(), 0) == static_cast<ssize_t>(m_saved.size()),
-              "read the page file");
-        const std::string pattern(m_saved.size(), kPattern);
-        check(::pwrite(m_fd, pattern.data(), pattern.size(), 0) ==
-                  static_cast<ssize_t>(pattern.size()),
-              "overwrite the page file");
+        m_fd = m_fd < 0 ? pageFileDescriptor(memMgr) : m_fd;
+        m_saved = contents();
+        put(std::string(m_saved.size(), kPattern), 0);
     }
     void end() {
-        if (m_fd < 0)
-            return;
-        std::string page(kPage, '\0');
+        const std::string now = contents();
         for (size_t at = 0; at < m_saved.size(); at += kPage) {
-            const size_t n = std::min(kPage, m_saved.size() - at);
-            const ssize_t got = ::pread(m_fd, &page[0], n, static_cast<off_t>(at));
-            if (got == static_cast<ssize_t>(n) &&
-                page.find_first_not_of(kPattern) >= static_cast<size_t>(got))
-                check(::pwrite(m_fd, m_saved.data() + at, n, static_cast<off_t>(at)) ==
-                          static_cast<ssize_t>(n),
-                      "restore the page file");
+            const size_t stop = std::min(at + kPage, m_saved.size());
+            if (now.size() >= stop && now.find_first_not_of(kPattern, at) >= stop)
+                put(m_saved.substr(at, kPage), at);
         }
     }
 
 private:
+    // The whole page file; nothing before the first page-out, when there is none.
+    std::string contents() const {
+        std::string bytes(m_fd < 0 ? 0 : static_cast<size_t>(::lseek(m_fd, 0, SEEK_END)), '\0');
+        check(bytes.empty() ||
+                  ::pread(m_fd, &bytes[0], bytes.size(), 0) == static_cast<ssize_t>(bytes.size()),
+              "read the page file");
+        return bytes;
+    }
+    void put(const std::string& bytes, size_t at) const {
+        check(bytes.empty() || ::pwrite(m_fd, bytes.data(), bytes.size(), static_cast<off_t>(at)) ==
+                                   static_cast<ssize_t>(bytes.size()),
+              "write the page file");
+    }
     static constexpr char kPattern = '\xA5';
     static constexpr size_t kPage = 8192;
     int m_fd = -1;
@@ -96,19 +86,13 @@ public:
 
     void run(FuzzInput& in) {
         for (int step = 0; in.more(); ++step) {
-            const unsigned code = in.byte();
-            const unsigned op = code % 8;
+            const unsigned code = in.byte(), op = code % 8;
             const bool faulty = (code & 0x80) != 0 && op != 7; // a rename may not half-happen
             m_touched.clear();
             if (faulty)
                 m_errors.start(*m_tree.getMemoryMgr());
-            bool threw = false;
-            try {
-                edit(op, in);
-            } catch (const HXLOutOfMemoryError&) {
-                check(faulty, "out of memory without read errors");
-                threw = true;
-            }
+            const bool threw = raises<HXLOutOfMemoryError>([&] { edit(op, in); });
+            check(faulty || !threw, "out of memory without read errors");
             if (faulty)
                 m_errors.end();
             check(heldReferences(*m_tree.getMemoryMgr()) == 0, "a reference is left");
@@ -222,8 +206,7 @@ private:
                 return std::none_of(m_chain.begin(), m_chain.end(),
                                     [&](int top) { return inSubtree(id, top); });
             });
-            if (to < 0 || std::any_of(m_chain.begin(), m_chain.end(),
-                                      [this](int id) { return m_parent[id] != -1; }))
+            if (to < 0) // the end of every edit keeps the chain in no list
                 return;
             hold(to)->appendChildren(hold(m_chain.front()).get());
             link(to, m_kids[to].size(), m_chain);
@@ -246,14 +229,12 @@ private:
     // set under the root. A node in no list keeps the links it had when it left.
     void checkList(int id, bool names) {
         const Ids& kids = m_kids[id];
-        if (id > 0 && m_parent[id] == -1) {
-            NodeRef node = hold(id);
-            check(Words({node->getPreviousSiblingPageItem().getOffset(),
-                         node->getNextSiblingPageItem().getOffset(),
-                         node->getParentPageItem().getOffset()}) == m_kept[id],
-                  "the links of a node in no list");
-        }
         NodeRef owner = hold(id);
+        check(id == 0 || m_parent[id] != -1 ||
+                  Words({owner->getPreviousSiblingPageItem().getOffset(),
+                         owner->getNextSiblingPageItem().getOffset(),
+                         owner->getParentPageItem().getOffset()}) == m_kept[id],
+              "the links of a node in no list");
         check(owner->getChildCount() == kids.size() && owner->hasChildren() == !kids.empty() &&
                   owner->getFirstChildPageItem().getOffset() == offsetAt(kids, 0) &&
                   owner->getLastChildPageItem().getOffset() == offsetAt(kids, kids.size() - 1),
@@ -266,8 +247,9 @@ private:
             std::memcpy(words.data(), static_cast<const void*>(c), 72);
             words[8] &= 0xFFFFFFFFu; // the other half is padding
             check(Words(words.begin() + 1, words.end()) ==
-                      Words({m_offset[kids[i]], addressOf(&m_tree),
-                             id > 0 ? m_offset[id] : addressOf(m_tree.getRootNode()),
+                      Words({m_offset[kids[i]], reinterpret_cast<uintptr_t>(&m_tree),
+                             id > 0 ? m_offset[id]
+                                    : reinterpret_cast<uintptr_t>(m_tree.getRootNode()),
                              offsetAt(own, 0), offsetAt(own, own.size() - 1), offsetAt(kids, i - 1),
                              offsetAt(kids, i + 1), own.size() | (id > 0 ? 0 : 0x80000000u)}),
                   "stored image");

@@ -9,14 +9,7 @@
 //   cmake --build build/fuzz --target virtualmm_fuzz && build/fuzz/fuzz/virtualmm_fuzz
 //   -max_total_time=300
 #include "VirtualMemoryFastPath.h"
-#include "VirtualMemoryPool.h"
 #include "fuzz_util.h"
-
-#include <algorithm>
-#include <cerrno>
-#include <map>
-#include <unistd.h>
-#include <vector>
 
 namespace {
 
@@ -79,11 +72,13 @@ public:
                 add(size, arg);
             else
                 edit(op, arg, fast, std::next(m_model.begin(), arg % m_model.size()));
-            unsigned long long total = 0, modelTotal = 0;
-            check(m_pool.GetOutstandingReferences(nullptr, 0, &total) == m_pinned, "pinned count");
-            for (const auto& entry : m_model)
+            unsigned long long total = 0, modelTotal = 0, pinned = 0; // references, objects
+            for (const auto& entry : m_model) {
                 modelTotal += entry.second.pins;
-            check(total == modelTotal && poolStats(m_pool).objectsCurrent == m_model.size(),
+                pinned += entry.second.pins > 0;
+            }
+            check(m_pool.GetOutstandingReferences(nullptr, 0, &total) == pinned &&
+                      total == modelTotal && poolStats(m_pool).objectsCurrent == m_model.size(),
                   "counts");
             m_pool.Verify();
         }
@@ -114,7 +109,6 @@ private:
         fill(address, size, seed);
         const unsigned pins = seed & 0x2000 ? 1 : 0; // kept pinned, or let go at once
         m_model[item.offset] = {size, seed, pins, address};
-        m_pinned += pins;
         if (pins == 0)
             m_pool.Dismiss(item);
     }
@@ -137,12 +131,12 @@ private:
             m_pool.Dismiss(item);
     }
     void pin(Entry it, void* address) {
-        m_pinned += it->second.pins++ == 0;
+        ++it->second.pins;
         it->second.pinnedAt = address;
     }
     void unpin(Entry it, bool fast) {
         unmap(it->first, fast);
-        m_pinned -= --it->second.pins == 0;
+        --it->second.pins;
     }
 
     void edit(unsigned op, unsigned arg, bool fast, Entry it) {
@@ -168,7 +162,7 @@ private:
                 return;
             check(holds(address, it->second.size, it->second.seed), "wrong bytes after a move");
             pin(it, address);
-            m_pinned -= --from->second.pins == 0;
+            --from->second.pins;
         } else if (op < 9) { // unpin once or entirely; a dismiss of an unpinned object is misuse
             unsigned n = op == 7 ? 1 : std::max(it->second.pins, 1u);
             for (; n > 0 && it->second.pins > 0; --n)
@@ -187,7 +181,6 @@ private:
             unmap(it->first, fast);
         } else if (op < 13) {
             m_pool.Deallocate(item);
-            m_pinned -= it->second.pins > 0;
             m_model.erase(it);
         } else if (op == 13) { // offsets that name no object, and a size that cannot be had
             for (unsigned long long bad : {0ULL, ~0ULL, it->first + 1 + arg % 15, 1ULL << 40}) {
@@ -208,17 +201,15 @@ private:
     }
     // Every object, in offset order (the page-ins read ahead): null only under I/O faults.
     void readAll() {
-        for (auto it = m_model.begin(); it != m_model.end(); ++it) {
+        for (auto it = m_model.begin(); it != m_model.end(); ++it)
             if (map(it, false, true) != nullptr)
                 unmap(it->first, false);
-        }
     }
 
     const unsigned long long m_budget;
     tcmalloc::VirtualMemoryPool m_pool;
     tcmalloc::FastTable* m_table;
     std::map<unsigned long long, Object> m_model;
-    unsigned long long m_pinned = 0;
 };
 
 } // namespace

@@ -3,10 +3,7 @@
 // through the class identifiers of stored nodes.
 #include "store_test_util.h"
 
-#include <cerrno>
 #include <climits>
-#include <stdexcept>
-#include <unistd.h>
 
 namespace {
 

@@ -1,12 +1,9 @@
 // The paged file: its model of bytes, position, length, mapping and compressed members
 // (fuzz/file_fuzz.cpp) on seeded programs; a store that fails, and the compressed write path's
 // members, finishes and failures.
-#include "HXLVirtualFile.h"
 #include "store_test_util.h"
 
-#include <cerrno>
 #include <csignal>
-#include <stdexcept>
 
 #include <sys/resource.h>
 

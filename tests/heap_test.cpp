@@ -6,14 +6,7 @@
 #include "store_test_util.h"
 
 #include <csignal>
-#include <cstdint>
-#include <cstdlib>
-#include <cstring>
 #include <new>
-#include <set>
-#include <sstream>
-#include <string>
-#include <vector>
 
 // Unless SIZE_MAX, the next operator new of exactly this many bytes fails.
 static std::size_t g_failSize = SIZE_MAX;

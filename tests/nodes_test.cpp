@@ -4,12 +4,9 @@
 #include "store_test_util.h"
 
 #include <tuple>
-#include <zlib.h>
 
 namespace {
 
-const unsigned int kBudget = 16 * 1024;
-const unsigned long long kRootLink = HXLVirtualPageItem::kInvalidOffset;
 typedef std::vector<unsigned long long> Words;
 
 // Previous sibling, next sibling and parent, as the page items of the links give them.
@@ -35,7 +32,7 @@ TEST(TreeEditingModel, RandomProgramsAgree) {
 // What a random forest does not show: classes, the registry's rules, trees sharing a manager,
 // the root's own ways, refusals, and a dump that starts at a stored node.
 TEST(Tree, ClassesRegistryRootsAndRefusals) {
-    HXLVirtualMemoryMgr memMgr(kBudget, 0, 0);
+    HXLVirtualMemoryMgr memMgr(16 * 1024, 0, 0);
     unsigned long long kept;
     { // over a borrowed manager every tree has a root of its own; nodes stay allocated
         HXLVirtualTree borrowing(&memMgr);
@@ -95,7 +92,7 @@ TEST(Tree, ClassesRegistryRootsAndRefusals) {
     tree.dismiss(item);
     // The root: on the heap, with the mark for no block, never referenced.
     EXPECT_TRUE(root->getContainer() == &tree &&
-                root->getVirtualPageItem().getOffset() == kRootLink &&
+                root->getVirtualPageItem().getOffset() == HXLVirtualPageItem::kInvalidOffset &&
                 root->getVirtualPageItem().getSize() == 72u && root->getNextSibling(1) == nullptr &&
                 root->getParent(1) == nullptr);
 

@@ -3,9 +3,7 @@
 #ifndef STORE_TEST_UTIL_H
 #define STORE_TEST_UTIL_H
 
-#include "HXLCore.h"
 #include "HXLVirtualI18NString.h"
-#include "HXLVirtualMemoryMgr.h"
 #include "HXLVirtualNodeClass.h"
 #include "HXLVirtualTree.h"
 #include "HXLVirtualTreeNode.h"
@@ -14,14 +12,8 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cstring>
 #include <functional>
 #include <random>
-#include <set>
-#include <sstream>
-#include <string>
-#include <vector>
 
 // Whether any page of the store has been written out.
 inline bool pagedOut(HXLVirtualMemoryMgr* memMgr) {

@@ -2,7 +2,6 @@
 // that checks what comes back from the page file, a private page file that gives its space back,
 // and unchanged spans that are never rewritten while scans read ahead.
 #include "../platform/virtualmm/Fingerprint.h"
-#include "VirtualMemoryPool.h"
 #include "store_test_util.h"
 
 #include <sys/stat.h>
@@ -15,14 +14,18 @@ namespace {
 
 const unsigned long long kBudget = 64 * 1024;
 
-unsigned long long newObject(VirtualMemoryPool& pool, size_t size, unsigned seed) {
-    PageItem item;
-    void* address = pool.Allocate(size, item);
-    EXPECT_NE(address, nullptr);
-    EXPECT_EQ(reinterpret_cast<uintptr_t>(address) % 16, 0u);
-    fill(address, size, seed);
-    pool.Dismiss(item);
-    return item.offset;
+// `count` new objects of `size` bytes, the i-th filled from seed i, none held.
+std::vector<unsigned long long> newObjects(VirtualMemoryPool& pool, unsigned count, size_t size) {
+    std::vector<unsigned long long> offsets(count);
+    for (unsigned i = 0; i < count; ++i) {
+        PageItem item;
+        void* address = pool.Allocate(size, item);
+        EXPECT_NE(address, nullptr); // the model checks the alignment
+        fill(address, size, i);
+        pool.Dismiss(item);
+        offsets[i] = item.offset;
+    }
+    return offsets;
 }
 
 // 1: mapped with the right bytes; 0: null; -1: mapped with wrong bytes.
@@ -49,10 +52,9 @@ TEST(Fingerprint, BothRoundsAgreeAndEveryWordCounts) {
     for (std::uint64_t i = 0; i < 16; ++i)
         plain[i] = wide[i] = i + 1;
     tcmalloc::detail::fingerprintBlocks(plain, block.data(), 64);
-    if (tcmalloc::detail::fingerprintHasAvx2())
-        tcmalloc::detail::fingerprintBlocksAvx2(wide, block.data(), 64);
-    else
-        tcmalloc::detail::fingerprintBlocks(wide, block.data(), 64);
+    (tcmalloc::detail::fingerprintHasAvx2()
+         ? tcmalloc::detail::fingerprintBlocksAvx2
+         : tcmalloc::detail::fingerprintBlocks)(wide, block.data(), 64);
     EXPECT_EQ(0, std::memcmp(plain, wide, sizeof(plain)));
     // One bit, or the same bit of two words of one lane (which must not cancel), changed.
     for (size_t at = 0; at + 128 < block.size(); at += 8 * 61 + 1) {
@@ -72,9 +74,7 @@ TEST(VirtualMemoryPoolModel, RandomProgramsAgree) {
 TEST(VirtualMemoryPool, PageFileIsPrivateLeavesNoNameAndGivesSpaceBack) {
     VirtualMemoryPool pool(kBudget, "/tmp");
     EXPECT_EQ(poolStats(pool).pageFileSize, 0u); // made lazily
-    std::vector<unsigned long long> offsets;
-    for (unsigned i = 0; i < 64; ++i)
-        offsets.push_back(newObject(pool, 65536, i));
+    const std::vector<unsigned long long> offsets = newObjects(pool, 64, 65536);
     const VirtualMemoryStats figures = poolStats(pool);
     const std::string name = figures.pageFileName;
     const std::string link = "/proc/self/fd/" + std::to_string(pageFileDescriptor(name));
@@ -102,9 +102,8 @@ TEST(VirtualMemoryPool, PageFileIsPrivateLeavesNoNameAndGivesSpaceBack) {
 
 TEST(VirtualMemoryPool, UnchangedSpansAreNeverRewrittenAndScansReadAhead) {
     VirtualMemoryPool pool(4 * kBudget, "/tmp"); // read-ahead runs of 8 spans
-    std::vector<unsigned long long> offsets;
-    for (unsigned i = 0; i < 256; ++i)
-        offsets.push_back(newObject(pool, 4000, i)); // 128 spans, four times the budget
+    // 128 spans, four times the budget
+    const std::vector<unsigned long long> offsets = newObjects(pool, 256, 4000);
     unsigned long long mostReadAtOnce = 0;
     auto pass = [&](bool forWriting, unsigned skip) {
         for (unsigned i = 0; i < offsets.size(); ++i) {

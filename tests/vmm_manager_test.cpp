@@ -1,11 +1,9 @@
 // The memory manager, the page item pool and the mapper report, over the real paging engine.
 #include "store_test_util.h"
 
-#include <cstdlib>
 #include <fstream>
 #include <numeric>
 #include <regex>
-#include <unistd.h>
 
 TEST(HXLVirtualMemoryMgr, ConstructorsTakeTheBudgetFromTheirArgument) {
     // 100 objects of 1000 bytes are paged out under a budget of a byte, not of a megabyte;
