@@ -180,12 +180,23 @@ TEST(References, ApplicationExceptionsAndEarlyExitsLeaveNoneHeld) {
     b = NodeRef(b->getNextSibling(0)); // the next first, then this one goes
     EXPECT_EQ(heldReferences(*memMgr), 1u);
     HXLVirtualTreeNode* kept = b.release();
+    const unsigned long long keptOffset = kept->getPageOffset();
     EXPECT_TRUE(!b && heldReferences(*memMgr) == 1u);
     b = NodeRef(kept);
     b.reset();
     NodeRef held(root);
     EXPECT_EQ(held.getOffset(), HXLVirtualPageItem::kInvalidOffset);
     EXPECT_EQ(heldReferences(*memMgr), 0u);
+    // A handle owing what nobody holds: its dismiss is misuse, which the handle raises unless
+    // another exception is leaving the scope.
+    auto owesNothing = [&](bool unwinding) {
+        NodeRef stale(memMgr, keptOffset, kept);
+        if (unwinding)
+            throw 1;
+    };
+    EXPECT_EQ(thrown([&] { owesNothing(false); }).substr(0, 36),
+              "state: HXLVirtualMemoryMgr::dismiss:");
+    EXPECT_THROW(owesNothing(true), int);
 }
 
 // At the end of the position range a write that is cut short says why, compressed or not.
