@@ -74,6 +74,15 @@ TEST(Strings, RoundTripsThroughPagingBlockReuseComparisonsAndNullStores) {
     EXPECT_EQ(u2.isEqual(u1, memMgr) + u2.isEqual(text("same"), memMgr) + i2.isEqual(i1, memMgr) +
                   i2.isEqual(text("same"), memMgr),
               0);
+    // Equal sizes one byte apart, wherever that byte is, are not equal.
+    for (size_t size = 1; size <= 20; ++size) {
+        u2.setString(text(std::string(size, 'x')), memMgr);
+        for (size_t at = 0; at < size; ++at) {
+            std::string other(size, 'x');
+            other[at] = 'y';
+            EXPECT_EQ(u2.isEqual(text(other), memMgr), 0) << size << "/" << at;
+        }
+    }
 
     // A null store, or a container without a manager: answers of nothing, no change.
     for (HXLVirtualContainer* store : {static_cast<HXLVirtualContainer*>(NULL), &managerless}) {
