@@ -69,7 +69,8 @@
 //      second copy of a span in memory.
 //  12. Spans read in file order go on the scan queue and leave memory before the clock sweeps,
 //      oldest first, until one of them is used a second time: a scan through data larger than
-//      the budget cycles through its own few spans and leaves the rest of memory alone.
+//      the budget cycles through its own few spans and leaves the rest of memory alone. A
+//      resident span marked as such (kFastScan) always has its current entry in the queue.
 //  13. In a full store (within two batches' worth of its budget: the sweep leaves it one batch
 //      below) the first release of a new span takes its fingerprint while its bytes are still
 //      in cache, and keeps it (state kPrinted) until the span is mapped for writing again, so
@@ -306,6 +307,37 @@ struct ScanEntry {
     Span* span;
     unsigned firstPage;
     unsigned stamp;
+};
+
+// The scan queue (rule 12): spans read in file order, oldest first. Each entry carries a stamp
+// that its span also keeps, so that an entry whose span has since left memory, or came in
+// again, tells itself from the current one.
+class ScanQueue {
+public:
+    // Puts `span` at the back with a new stamp; false, with nothing changed, when the queue
+    // cannot grow.
+    bool push(Span* span) {
+        try {
+            m_entries.push_back({span, span->firstPage, m_stamps + 1});
+        } catch (const std::bad_alloc&) {
+            return false;
+        }
+        span->scanStamp = ++m_stamps;
+        return true;
+    }
+    // Takes the oldest entry off; the queue must not be empty.
+    ScanEntry pop() {
+        const ScanEntry entry = m_entries.front();
+        m_entries.pop_front();
+        return entry;
+    }
+    bool empty() const { return m_entries.empty(); }
+    std::size_t size() const { return m_entries.size(); }
+    const std::deque<ScanEntry>& entries() const { return m_entries; }
+
+private:
+    std::deque<ScanEntry> m_entries;
+    unsigned m_stamps = 0;
 };
 
 // One span to be written, with the fingerprint of the bytes it writes.
@@ -573,11 +605,10 @@ private:
     ClockRing m_ring;
     SpanMemory m_memory;
     WriteBatch m_batch;
-    std::vector<iovec> m_pieces;       // scratch for gathered transfers
-    std::vector<Span*> m_run;          // scratch for read-ahead
-    std::vector<FastSpan*> m_hots;     // scratch for read-ahead: the runs' hot blocks
-    std::deque<ScanEntry> m_scanQueue; // spans read in file order, oldest first
-    unsigned m_scanStamps = 0;
+    std::vector<iovec> m_pieces;   // scratch for gathered transfers
+    std::vector<Span*> m_run;      // scratch for read-ahead
+    std::vector<FastSpan*> m_hots; // scratch for read-ahead: the runs' hot blocks
+    ScanQueue m_scanQueue;
     unsigned m_nextSequential = kNoSlot; // file page just behind the last span read
     EngineCounts m_counts;
 };

@@ -26,8 +26,7 @@ bool VirtualMemoryPool::Engine::makeRoom(unsigned long long incoming) {
     };
     auto chosen = [](const Span* span) { return (span->flags & (kInBatch | kBehind)) == kInBatch; };
     while (needMore() && !m_scanQueue.empty()) {
-        const ScanEntry entry = m_scanQueue.front();
-        m_scanQueue.pop_front();
+        const ScanEntry entry = m_scanQueue.pop();
         Span* span = entry.span;
         if (!isCurrent(entry) || !span->resident() || (span->hotFlags() & kFastScan) == 0)
             continue; // stale
@@ -235,18 +234,12 @@ std::size_t VirtualMemoryPool::Engine::readRun(const Span* span) {
 // budget's worth of entries, stale ones included.
 void VirtualMemoryPool::Engine::queueForScan(Span* span) {
     if (m_scanQueue.size() > (m_table.budget >> kPageShift) + 64) {
-        const ScanEntry old = m_scanQueue.front();
-        m_scanQueue.pop_front();
+        const ScanEntry old = m_scanQueue.pop();
         if (isCurrent(old) && old.span->resident())
             old.span->hotFlags() &= static_cast<unsigned char>(~(kFastScan | kFastScanUsed));
     }
-    try {
-        m_scanQueue.push_back({span, span->firstPage, ++m_scanStamps});
-    } catch (const std::bad_alloc&) {
-        return; // the span is then left to the clock
-    }
-    span->scanStamp = m_scanStamps;
-    span->hotFlags() |= kFastScan;
+    if (m_scanQueue.push(span)) // else the span is left to the clock
+        span->hotFlags() |= kFastScan;
 }
 
 // Rule 13: the first release of a new span in a full store takes its fingerprint while its

@@ -358,7 +358,7 @@ void VirtualMemoryPool::Engine::verify() const {
         VMM_CHECK(emptySpans[index] <= kKeptEmptySpans, index);
     }
     // Rule 2: the ring holds the resident spans, each once, and unpinnedResident is exact.
-    unsigned long long ringLength = 0, ringUnpinned = 0, residentSpans = 0;
+    unsigned long long ringLength = 0, ringUnpinned = 0, residentSpans = 0, scanMarked = 0;
     if (m_ring.hand() != nullptr) {
         const Span* span = m_ring.hand();
         do {
@@ -366,6 +366,7 @@ void VirtualMemoryPool::Engine::verify() const {
             VMM_CHECK(recordAt(span->firstPage) == span, span->firstPage);
             VMM_CHECK(span->ringNext->ringPrev == span, span->firstPage);
             ringUnpinned += span->pins() == 0;
+            scanMarked += (span->hotFlags() & kFastScan) != 0;
             ++ringLength;
             span = span->ringNext;
         } while (span != m_ring.hand() && ringLength <= m_fastPages.size());
@@ -377,6 +378,12 @@ void VirtualMemoryPool::Engine::verify() const {
     VMM_CHECK(ringLength == residentSpans, ringLength);
     VMM_CHECK(ringLength == m_ring.size(), ringLength);
     VMM_CHECK(ringUnpinned == unpinnedResident(), ringUnpinned);
+    // Rule 12: a resident span marked as read in file order has its current entry in the queue.
+    unsigned long long scanQueued = 0;
+    for (const ScanEntry& entry : m_scanQueue.entries())
+        scanQueued +=
+            isCurrent(entry) && entry.span->resident() && (entry.span->hotFlags() & kFastScan) != 0;
+    VMM_CHECK(scanQueued == scanMarked, scanMarked);
     VMM_CHECK(resident == m_table.residentBytes, resident);      // rule 3
     VMM_CHECK(outstanding == outstandingObjects(), outstanding); // rule 7
     VMM_CHECK(bigCounts == m_bigCounts.size(), bigCounts);
