@@ -59,28 +59,27 @@ inline void storePayload(HXLVirtualMemoryMgr* memMgr, HXLVirtualPageItem& item, 
     std::memcpy(payload.get(), bytes, item.getSize());
 }
 
+// Whether the first and the last word of `size` bytes (at least one word) are equal at `x` and
+// `y`: for size up to two words, whether all the bytes are.
+template <class Word> bool sameEnds(const char* x, const char* y, unsigned int size) {
+    Word x0, x1, y0, y1;
+    std::memcpy(&x0, x, sizeof(Word));
+    std::memcpy(&y0, y, sizeof(Word));
+    std::memcpy(&x1, x + size - sizeof(Word), sizeof(Word));
+    std::memcpy(&y1, y + size - sizeof(Word), sizeof(Word));
+    return ((x0 ^ y0) | (x1 ^ y1)) == 0;
+}
+
 // Whether `size` bytes at `a` and `b` are equal. Names, keys and short values are a few bytes
-// long: up to 16 are compared by two overlapping loads from each side, without a call, and
+// long: 4 to 16 are compared by two overlapping loads from each side, without a call, and
 // never reading outside either range.
 inline bool sameBytes(const void* a, const void* b, unsigned int size) {
     const char* x = static_cast<const char*>(a);
     const char* y = static_cast<const char*>(b);
-    if (size >= 4 && size <= 16) {
-        if (size >= 8) {
-            unsigned long long x0, x1, y0, y1;
-            std::memcpy(&x0, x, 8);
-            std::memcpy(&y0, y, 8);
-            std::memcpy(&x1, x + size - 8, 8);
-            std::memcpy(&y1, y + size - 8, 8);
-            return ((x0 ^ y0) | (x1 ^ y1)) == 0;
-        }
-        unsigned x0, x1, y0, y1;
-        std::memcpy(&x0, x, 4);
-        std::memcpy(&y0, y, 4);
-        std::memcpy(&x1, x + size - 4, 4);
-        std::memcpy(&y1, y + size - 4, 4);
-        return ((x0 ^ y0) | (x1 ^ y1)) == 0;
-    }
+    if (size >= 8 && size <= 16)
+        return sameEnds<unsigned long long>(x, y, size);
+    if (size >= 4 && size < 8)
+        return sameEnds<unsigned>(x, y, size);
     return std::memcmp(x, y, size) == 0;
 }
 
