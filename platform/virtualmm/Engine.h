@@ -488,16 +488,24 @@ private:
         const unsigned long long page = offset >> kPageShift;
         if (page >= m_fastPages.size())
             return nullptr;
-        Span* span = recordAt(page);
-        if (span == nullptr)
-            return nullptr;
         unsigned index;
-        if (!fastSlot(offset - span->baseOffset(), divisorOf(span), index) ||
-            index >= slotCount(span))
+        const FastPage& entry = m_fastPages[page];
+        if (FastSpan* hot = entry.span) {
+            // Resident: the hot block alone answers, without waiting on the cold record. Its
+            // slot bytes cover every index an offset inside the span gives, and those past
+            // the last slot read free.
+            if (!fastSlot(offset - hot->base, hot->divisor, index) ||
+                hot->counts()[index] == kFreeSlot)
+                return nullptr;
+            slot = index;
+            return static_cast<Span*>(hot->owner);
+        }
+        Span* span = reinterpret_cast<Span*>(entry.bias); // rule 14
+        if (span == nullptr || !fastSlot(offset - span->baseOffset(), divisorOf(span), index) ||
+            index >= slotCount(span) || !span->isLive(index))
             return nullptr;
         slot = index;
-        const bool live = span->resident() ? span->counts()[slot] != kFreeSlot : span->isLive(slot);
-        return live ? span : nullptr;
+        return span;
     }
 
     // FastSpan::divisor of the span: ceil(2^64 / slot size), or 1 for one large object.
