@@ -234,10 +234,15 @@ inline void* fastMove(FastTable& table, unsigned long long from, unsigned long l
     if (toCount != fromCount) {
         *toCount = static_cast<unsigned char>(t + 1);
         *fromCount = static_cast<unsigned char>(f - 1);
-        const int pinned = (t == kFastCountZero) - (f == kFastCountZero + 1);
-        if (pinned != 0) {
-            ++(pinned > 0 ? table.firstPins : table.lastUnpins);
-            span->pinCount = static_cast<unsigned short>(span->pinCount + pinned);
+        // A walk pins `to` anew and lets `from` go: the span's pins stay as they were.
+        if (t == kFastCountZero) {
+            if (f != kFastCountZero + 1) {
+                ++table.firstPins;
+                ++span->pinCount;
+            }
+        } else if (f == kFastCountZero + 1) {
+            ++table.lastUnpins;
+            --span->pinCount;
         }
     }
     return entry->bias + to;
