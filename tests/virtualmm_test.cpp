@@ -71,35 +71,6 @@ TEST(VirtualMemoryPoolModel, RandomProgramsAgree) {
     runModel(60, 6000);
 }
 
-TEST(VirtualMemoryPool, PageFileIsPrivateLeavesNoNameAndGivesSpaceBack) {
-    VirtualMemoryPool pool(kBudget, "/tmp");
-    EXPECT_EQ(poolStats(pool).pageFileSize, 0u); // made lazily
-    const std::vector<unsigned long long> offsets = newObjects(pool, 64, 65536);
-    const VirtualMemoryStats figures = poolStats(pool);
-    const std::string name = figures.pageFileName;
-    const std::string link = "/proc/self/fd/" + std::to_string(pageFileDescriptor(name));
-    EXPECT_EQ(name.compare(0, 5, "/tmp/"), 0) << name;
-    struct stat st, holed;
-    ASSERT_EQ(::stat(link.c_str(), &st), 0) << name;
-    EXPECT_EQ(st.st_mode & 0777, 0600u);
-    EXPECT_EQ(st.st_nlink, 0u) << "the page file's name must be gone at once";
-    EXPECT_EQ(static_cast<unsigned long long>(st.st_size), figures.pageFileSize);
-    // Every other object freed: its space goes back to the file system. All freed: the file is
-    // cut to nothing.
-    for (unsigned half = 0; half < 2; ++half) {
-        for (unsigned i = half; i < offsets.size(); i += 2) {
-            EXPECT_EQ(readBack(pool, offsets[i], 65536, i), 1);
-            PageItem item{offsets[i]};
-            pool.Deallocate(item);
-        }
-        ASSERT_EQ(::stat(link.c_str(), &holed), 0);
-        EXPECT_LT(holed.st_blocks, half == 0 ? st.st_blocks * 6 / 10 : 1);
-    }
-    EXPECT_EQ(holed.st_size, 0);
-    EXPECT_EQ(poolStats(pool).pageFileSize, 0u);
-    pool.Verify();
-}
-
 TEST(VirtualMemoryPool, UnchangedSpansAreNeverRewrittenAndScansReadAhead) {
     VirtualMemoryPool pool(4 * kBudget, "/tmp"); // read-ahead runs of 8 spans
     // 128 spans, four times the budget
@@ -135,7 +106,9 @@ TEST(VirtualMemoryPool, UnchangedSpansAreNeverRewrittenAndScansReadAhead) {
 
 // Pinned objects may hold the store beyond its span memory, which is sized to the budget: what
 // does not fit comes from the heap, holds the same bytes through paging, and goes back to it.
-TEST(VirtualMemoryPool, PinnedBeyondItsSpanMemoryTheStoreTakesTheHeap) {
+// The page file, made at the first page-out, is private, has no name, and gives the space of
+// freed objects back.
+TEST(VirtualMemoryPool, PinnedBeyondSpanMemoryAndAPrivatePageFileThatGivesSpaceBack) {
     VirtualMemoryPool pool(kBudget, "/tmp");
     std::vector<PageItem> held(48); // 3 MiB, the memory of a 64 KiB budget is 2 MiB
     for (unsigned i = 0; i < held.size(); ++i) {
@@ -144,11 +117,30 @@ TEST(VirtualMemoryPool, PinnedBeyondItsSpanMemoryTheStoreTakesTheHeap) {
         fill(address, 65536, i);
     }
     EXPECT_EQ(poolStats(pool).residentBytes, held.size() * 65536);
+    EXPECT_EQ(poolStats(pool).pageFileSize, 0u); // nothing could leave memory yet
     pool.Verify();
     for (PageItem& item : held)
         pool.Dismiss(item);
     for (unsigned round = 0; round < 2; ++round)
         for (unsigned i = 0; i < held.size(); ++i)
             EXPECT_EQ(readBack(pool, held[i].offset, 65536, i), 1) << i;
+    const VirtualMemoryStats figures = poolStats(pool);
+    const std::string name = figures.pageFileName;
+    const std::string link = "/proc/self/fd/" + std::to_string(pageFileDescriptor(name));
+    struct stat st, holed;
+    ASSERT_EQ(::stat(link.c_str(), &st), 0) << name;
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+    EXPECT_EQ(st.st_nlink, 0u) << "the page file's name must be gone at once";
+    EXPECT_EQ(static_cast<unsigned long long>(st.st_size), figures.pageFileSize);
+    // Every other object freed: its space goes back to the file system. All freed: the file is
+    // cut to nothing.
+    for (unsigned half = 0; half < 2; ++half) {
+        for (unsigned i = half; i < held.size(); i += 2)
+            pool.Deallocate(held[i]);
+        ASSERT_EQ(::stat(link.c_str(), &holed), 0);
+        EXPECT_LT(holed.st_blocks, half == 0 ? st.st_blocks * 6 / 10 : 1);
+    }
+    EXPECT_EQ(holed.st_size, 0);
+    EXPECT_EQ(poolStats(pool).pageFileSize, 0u);
     pool.Verify();
 }
