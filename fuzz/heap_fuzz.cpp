@@ -117,9 +117,8 @@ public:
             m_pool.info(nullptr, &before, nullptr, &inUse);
             const unsigned released = m_pool.trim(static_cast<int>(in.below(3)));
             m_pool.info(nullptr, &after, nullptr, nullptr);
-            check(released % HXLFixedMemoryPool::kChunkBytes == 0 &&
-                      before - after ==
-                          static_cast<int>(released / HXLFixedMemoryPool::kChunkBytes) &&
+            check(released ==
+                          static_cast<unsigned>(before - after) * HXLFixedMemoryPool::kChunkBytes &&
                       after >= inUse,
                   "trim");
         } else if (void* chunk = m_pool.reclaim(static_cast<int>(in.below(2)))) {

@@ -284,7 +284,6 @@ private:
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FuzzInput in(data, size);
-    Forest forest;
-    forest.run(in);
+    Forest().run(in);
     return 0;
 }
