@@ -151,15 +151,28 @@ inline unsigned char* fastCount(const FastTable& table, unsigned long long offse
     return span->counts() + slot;
 }
 
+/// What a mapping found of its object: the count byte and the span's hot block.
+///
+/// It stays good from the fastMapHeld that filled it to the fastRelease that answers it, as long
+/// as the object is not freed in between: while the object holds the reference that the mapping
+/// took, its span stays resident and keeps its hot block, whatever else is called.
+struct FastHold {
+    FastSpan* span;       ///< the hot block of the object's span
+    unsigned char* count; ///< the object's count byte; null when the mapping was not fast
+};
+
 /// The address of the live resident object at `offset`, with its count raised by 1, when that
-/// needs nothing of the engine; otherwise null with nothing changed, and the caller makes the
-/// plain GetAddress call (which also answers every offset that names no object).
-inline void* fastMap(FastTable& table, unsigned long long offset, bool forWriting) {
-    FastSpan* span;
+/// needs nothing of the engine, and what it found in `hold`; otherwise null with nothing
+/// changed and a null `hold.count`, and the caller makes the plain GetAddress call (which also
+/// answers every offset that names no object).
+inline void* fastMapHeld(FastTable& table, unsigned long long offset, bool forWriting,
+                         FastHold& hold) {
     const FastPage* entry;
-    unsigned char* count = fastCount(table, offset, span, entry);
+    unsigned char* count = fastCount(table, offset, hold.span, entry);
+    hold.count = nullptr;
     if (count == nullptr)
         return nullptr;
+    FastSpan* span = hold.span;
     const unsigned char c = *count;
     // Free slots (0) and counts the byte cannot hold (254, 255) go to the engine.
     if (static_cast<unsigned char>(c - kFastCountZero) >= kFastCountTable - 2)
@@ -173,19 +186,22 @@ inline void* fastMap(FastTable& table, unsigned long long offset, bool forWritin
         if (span->pinCount++ == 0)
             ++table.spanPins;
     }
+    hold.count = count;
     return entry->bias + offset;
 }
 
-/// Lowers the count of the resident object at `offset` by 1 when that needs nothing of the
-/// engine and gives true; otherwise false with nothing changed, and the caller makes the plain
-/// Dismiss call (which also answers misuse: no reference held, no object).
-inline bool fastDismiss(FastTable& table, unsigned long long offset) {
-    FastSpan* span;
-    const FastPage* entry;
-    unsigned char* count = fastCount(table, offset, span, entry);
-    if (count == nullptr)
-        return false;
-    const unsigned char c = *count;
+/// fastMapHeld without the hold.
+inline void* fastMap(FastTable& table, unsigned long long offset, bool forWriting) {
+    FastHold hold;
+    return fastMapHeld(table, offset, forWriting, hold);
+}
+
+/// Lowers the count of the object that `hold` names by 1 when that needs nothing of the engine
+/// and gives true; otherwise false with nothing changed, and the caller makes the plain Dismiss
+/// call. `hold` is what fastMapHeld found; see FastHold for how long it is good.
+inline bool fastRelease(FastTable& table, const FastHold& hold) {
+    FastSpan* span = hold.span;
+    const unsigned char c = *hold.count;
     // Counts 1 to 253 only: no reference held, no object, or a count kept elsewhere go on.
     if (static_cast<unsigned char>(c - (kFastCountZero + 1)) >= kFastCountTable - 2)
         return false;
@@ -201,8 +217,18 @@ inline bool fastDismiss(FastTable& table, unsigned long long offset) {
         --span->pinCount;
         ++table.lastUnpins;
     }
-    *count = static_cast<unsigned char>(c - 1);
+    *hold.count = static_cast<unsigned char>(c - 1);
     return true;
+}
+
+/// Lowers the count of the resident object at `offset` by 1 when that needs nothing of the
+/// engine and gives true; otherwise false with nothing changed, and the caller makes the plain
+/// Dismiss call (which also answers misuse: no reference held, no object).
+inline bool fastDismiss(FastTable& table, unsigned long long offset) {
+    FastHold hold;
+    const FastPage* entry;
+    hold.count = fastCount(table, offset, hold.span, entry);
+    return hold.count != nullptr && fastRelease(table, hold);
 }
 
 /// Maps the object at `to` and gives back one reference on the object at `from`, as fastMap and

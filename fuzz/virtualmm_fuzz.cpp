@@ -161,6 +161,7 @@ private:
             if (address == nullptr)
                 return;
             check(holds(address, it->second.size, it->second.seed), "wrong bytes after a move");
+            check(it->second.pins == 0 || address == it->second.pinnedAt, "a pinned object moved");
             pin(it, address);
             --from->second.pins;
         } else if (op < 9) { // unpin once or entirely; a dismiss of an unpinned object is misuse

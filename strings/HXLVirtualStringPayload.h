@@ -39,14 +39,51 @@ inline void* mapPayload(HXLVirtualMemoryMgr* memMgr, const HXLVirtualPageItem& i
     return hxl_translated::required(memMgr->getAddress(offset, 1), location);
 }
 
-// One mapping of a payload, given back when the scope ends, also by an exception; see
-// mapPayload.
-class MappedPayload : public HXLVirtualReference<const char> {
+// One mapping of a payload for one step of a string operation (a compare or a copy), given
+// back when the scope ends, also by an exception; see mapPayload for what it maps. Nothing
+// that could free or move the payload runs while it is held, so the dismiss reuses what the
+// mapping found instead of looking the object up again.
+class MappedPayload {
 public:
     MappedPayload(HXLVirtualMemoryMgr* memMgr, const HXLVirtualPageItem& item, const char* location)
-        : HXLVirtualReference<const char>(
-              memMgr, item.getOffset(),
-              static_cast<const char*>(mapPayload(memMgr, item, location))) {}
+        : m_memMgr(memMgr), m_offset(item.getOffset()), m_address(NULL) {
+        m_hold.count = NULL;
+        if (m_offset == 0 || m_offset == HXLVirtualPageItem::kInvalidOffset)
+            return;
+        m_address = static_cast<const char*>(
+            tcmalloc::fastMapHeld(*memMgr->m_fast, m_offset, true, m_hold));
+        if (m_address == NULL)
+            m_address = static_cast<const char*>(mapPayload(memMgr, item, location));
+    }
+    MappedPayload(const MappedPayload&) = delete;
+    MappedPayload& operator=(const MappedPayload&) = delete;
+    // As HXLVirtualReference's: a failed dismiss goes on, unless an exception is unwinding.
+    ~MappedPayload() noexcept(false) {
+        if (m_address != NULL && !releasedFast()) {
+            // The store's own dismiss, under the guard's rules for exceptions.
+            HXLVirtualReference<const char> rest(m_memMgr, m_offset, m_address);
+        }
+    }
+
+    const char* get() const { return m_address; }
+    explicit operator bool() const { return m_address != NULL; }
+    // Gives the mapping back now; null afterwards, also when the dismiss throws.
+    void reset() {
+        const char* address = m_address;
+        m_address = NULL;
+        if (address != NULL && !releasedFast())
+            m_memMgr->dismiss(m_offset);
+    }
+
+private:
+    bool releasedFast() {
+        return m_hold.count != NULL && tcmalloc::fastRelease(*m_memMgr->m_fast, m_hold);
+    }
+
+    HXLVirtualMemoryMgr* m_memMgr;
+    unsigned long long m_offset;
+    const char* m_address;
+    tcmalloc::FastHold m_hold;
 };
 
 // The store step of setString: `size` bytes at `bytes` into the payload of `item`, by the

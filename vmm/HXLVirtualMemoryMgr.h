@@ -8,6 +8,9 @@
 #include <ostream>
 
 class HXLVirtualPageItemPool;
+namespace hxl_string_detail {
+class MappedPayload;
+}
 
 /// @ingroup store
 /// @brief A per-object mapping record; this manager keeps none (getMapper gives null).
@@ -163,6 +166,9 @@ private:
     // A reference guard gives its reference back through the same fast path, and goes to the
     // store only when that declines.
     template <class T> friend class HXLVirtualReference;
+    // A string operation maps its payload through the same fast path and gives it back
+    // without a second look-up.
+    friend class hxl_string_detail::MappedPayload;
     // The fast path of `memMgr`, or the empty table when it is null.
     static tcmalloc::FastTable* fastPathOf(HXLVirtualMemoryMgr* memMgr);
 
