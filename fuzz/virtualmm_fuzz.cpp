@@ -18,6 +18,7 @@ using tcmalloc::PageItem;
 struct Object {
     unsigned size, seed, pins;
     void* pinnedAt;
+    tcmalloc::FastHold hold; // of a fast mapping while pinned, else a null count: let go by it
 };
 typedef std::map<unsigned long long, Object>::iterator Entry;
 
@@ -108,7 +109,7 @@ private:
               "an offset of a live object handed out again, or a block misaligned");
         fill(address, size, seed);
         const unsigned pins = seed & 0x2000 ? 1 : 0; // kept pinned, or let go at once
-        m_model[item.offset] = {size, seed, pins, address};
+        m_model[item.offset] = {size, seed, pins, address, {nullptr, nullptr}};
         if (pins == 0)
             m_pool.Dismiss(item);
     }
@@ -116,7 +117,11 @@ private:
     // I/O faults.
     void* map(Entry it, bool fast, bool forWriting) {
         PageItem item{it->first};
-        void* address = fast ? tcmalloc::fastMap(*m_table, it->first, forWriting) : nullptr;
+        tcmalloc::FastHold hold;
+        void* address =
+            fast ? tcmalloc::fastMapHeld(*m_table, it->first, forWriting, hold) : nullptr;
+        if (address != nullptr)
+            it->second.hold = hold; // all holds of one pinned object are the same
         address = address != nullptr ? address : m_pool.GetAddress(item, forWriting);
         check(address != nullptr || (failing() && it->second.pins == 0), "a mapping failed");
         check(address == nullptr || it->second.pins == 0 || address == it->second.pinnedAt,
@@ -134,9 +139,12 @@ private:
         ++it->second.pins;
         it->second.pinnedAt = address;
     }
+    // Lets go through the hold a fast mapping left, whatever ran since, when there is one.
     void unpin(Entry it, bool fast) {
-        unmap(it->first, fast);
-        --it->second.pins;
+        if (it->second.hold.count == nullptr || !tcmalloc::fastRelease(*m_table, it->second.hold))
+            unmap(it->first, fast);
+        if (--it->second.pins == 0)
+            it->second.hold.count = nullptr;
     }
 
     void edit(unsigned op, unsigned arg, bool fast, Entry it) {
@@ -163,7 +171,8 @@ private:
             check(holds(address, it->second.size, it->second.seed), "wrong bytes after a move");
             check(it->second.pins == 0 || address == it->second.pinnedAt, "a pinned object moved");
             pin(it, address);
-            --from->second.pins;
+            if (--from->second.pins == 0)
+                from->second.hold.count = nullptr;
         } else if (op < 9) { // unpin once or entirely; a dismiss of an unpinned object is misuse
             unsigned n = op == 7 ? 1 : std::max(it->second.pins, 1u);
             for (; n > 0 && it->second.pins > 0; --n)
@@ -179,7 +188,8 @@ private:
                 return;
             if (op == 9)
                 fill(address, it->second.size, it->second.seed = arg);
-            unmap(it->first, fast);
+            ++it->second.pins;
+            unpin(it, fast);
         } else if (op < 13) {
             m_pool.Deallocate(item);
             m_model.erase(it);
