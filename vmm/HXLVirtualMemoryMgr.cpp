@@ -91,8 +91,20 @@ void HXLVirtualMemoryMgr::initialize(unsigned int storeSize) {
 }
 
 void* HXLVirtualMemoryMgr::alloc(unsigned int size, HXLVirtualPageItem& item) {
+    if (!item.empty())
+        return resize(size, item);
+    tcmalloc::PageItem record;
+    void* result = m_pool->Allocate(static_cast<unsigned long long>(size), record);
+    item.setOffset(record.offset);
+    item.setSize(size);
+    if (result == nullptr)
+        allocFailed();
+    return result;
+}
+
+void* HXLVirtualMemoryMgr::resize(unsigned int size, HXLVirtualPageItem& item) {
     void* result = nullptr;
-    if (!item.empty() && size < item.getSize()) {
+    if (size < item.getSize()) {
         // Shrink in place: same object, same offset, the first `size` bytes kept.
         item.setSize(size);
         if (isLive(item.getOffset())) {
@@ -103,7 +115,7 @@ void* HXLVirtualMemoryMgr::alloc(unsigned int size, HXLVirtualPageItem& item) {
     } else {
         tcmalloc::PageItem record;
         result = m_pool->Allocate(static_cast<unsigned long long>(size), record);
-        if (result != nullptr && !item.empty()) {
+        if (result != nullptr) {
             // Carry the old bytes over; only `item` is brought up to date.
             void* old_ptr = getAddress(item, 1);
             HXL_ASSERT(old_ptr);
@@ -115,8 +127,12 @@ void* HXLVirtualMemoryMgr::alloc(unsigned int size, HXLVirtualPageItem& item) {
         item.setSize(size);
     }
     if (result == nullptr)
-        HXL_THROW(HXLOutOfMemoryError(0, NULL), "HXLVirtualMemoryMgr::alloc");
+        allocFailed();
     return result;
+}
+
+void HXLVirtualMemoryMgr::allocFailed() {
+    HXL_THROW(HXLOutOfMemoryError(0, NULL), "HXLVirtualMemoryMgr::alloc");
 }
 
 void HXLVirtualMemoryMgr::free(HXLVirtualPageItem& item) {

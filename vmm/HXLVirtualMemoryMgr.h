@@ -173,6 +173,11 @@ private:
     static tcmalloc::FastTable* fastPathOf(HXLVirtualMemoryMgr* memMgr);
 
     void initialize(unsigned int storeSize);
+    // alloc on an item that names an object already: a smaller size shrinks it in place, any
+    // other gives a new object with the old bytes carried over.
+    void* resize(unsigned int size, HXLVirtualPageItem& item);
+    // Throws HXLOutOfMemoryError for alloc.
+    [[noreturn]] static void allocFailed();
     // What the inline calls leave to the store: objects out of memory, offsets that name no
     // object, and the rare cases the store's fast path declines.
     void* getAddressSlow(unsigned long long offset, int flag);
