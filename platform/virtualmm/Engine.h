@@ -583,6 +583,12 @@ private:
     void takePrint(Span* span);
     void mappedForWriting(Span* span);
     bool endPins(Span* span, unsigned slot);
+    // allocate, whatever the class's spans are like: the general case.
+    HXL_VMM_COLD void* allocateSlow(unsigned long long size, PageItem& item);
+    static unsigned lowestFreeSlot(const Span* span);
+    inline void* placeObject(Span* span, unsigned slot, PageItem& item);
+    // deallocate of a live object, whatever its span's state: the general case.
+    HXL_VMM_COLD void endObject(Span* span, unsigned slot);
     // Records misuse in the table for the caller to see; nothing else changes.
     HXL_VMM_COLD void misused(unsigned long long offset);
     bool keepEmptied(Span* span);

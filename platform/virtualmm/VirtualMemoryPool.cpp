@@ -90,6 +90,21 @@ void VirtualMemoryPool::Engine::unpinInTable(Span* span, unsigned slot) {
 
 void* VirtualMemoryPool::Engine::allocate(unsigned long long size, PageItem& item) {
     item.offset = 0;
+    if (size <= kMaxSmallSize) {
+        // The usual case, without a call: a resident span of the class that holds objects and
+        // keeps a free slot after this one. allocateSlow does the same and the rest.
+        SizeClass& sc = m_classes[m_classOfGranules[(size + kClassGranule - 1) / kClassGranule]];
+        Span* span = sc.nonFull;
+        if (span != nullptr && span->resident() && span->liveCount != 0 &&
+            span->liveCount + 1u < sc.slots) {
+            ++sc.liveObjects;
+            return placeObject(span, lowestFreeSlot(span), item);
+        }
+    }
+    return allocateSlow(size, item);
+}
+
+void* VirtualMemoryPool::Engine::allocateSlow(unsigned long long size, PageItem& item) {
     Span* span;
     unsigned slot = 0;
     if (size <= kMaxSmallSize) {
@@ -111,12 +126,7 @@ void* VirtualMemoryPool::Engine::allocate(unsigned long long size, PageItem& ite
         }
         if (span->liveCount == 0)
             --sc.emptySpans;
-        // The lowest free slot: a span on the non-full list has one below slotCount.
-        unsigned long long* live = span->live();
-        unsigned word = 0;
-        while (live[word] == ~0ULL)
-            ++word;
-        slot = word * 64 + static_cast<unsigned>(__builtin_ctzll(~live[word]));
+        slot = lowestFreeSlot(span);
         if (span->liveCount + 1u == sc.slots)
             nonFullRemove(span);
         ++sc.liveObjects;
@@ -131,6 +141,21 @@ void* VirtualMemoryPool::Engine::allocate(unsigned long long size, PageItem& ite
         if (span == nullptr)
             return nullptr;
     }
+    return placeObject(span, slot, item);
+}
+
+// The lowest free slot: a span on the non-full list has one below its slot count.
+unsigned VirtualMemoryPool::Engine::lowestFreeSlot(const Span* span) {
+    const unsigned long long* live = span->live();
+    unsigned word = 0;
+    while (live[word] == ~0ULL)
+        ++word;
+    return word * 64 + static_cast<unsigned>(__builtin_ctzll(~live[word]));
+}
+
+// A new object in `slot` of the resident `span`, with count 1 and mapped for writing; its
+// class's list and counts are the caller's.
+void* VirtualMemoryPool::Engine::placeObject(Span* span, unsigned slot, PageItem& item) {
     span->live()[slot >> 6] |= 1ULL << (slot & 63);
     ++span->liveCount;
     ++m_counts.objectsCurrent;
@@ -200,6 +225,21 @@ void VirtualMemoryPool::Engine::deallocate(unsigned long long offset) {
         return;
     }
     m_counts.objectsMax = std::max(m_counts.objectsMax, m_counts.objectsCurrent);
+    // The usual case, without a call: an unpinned object of a resident small span that keeps
+    // other objects and is on its class's list already. endObject does the same and the rest.
+    if (span->resident() && span->counts()[slot] == kCountZero && span->liveCount > 1 &&
+        (span->flags & kOnNonFullList) != 0) {
+        span->counts()[slot] = kFreeSlot;
+        span->live()[slot >> 6] &= ~(1ULL << (slot & 63));
+        --span->liveCount;
+        --m_counts.objectsCurrent;
+        --m_classes[span->classIndex].liveObjects;
+        return;
+    }
+    endObject(span, slot);
+}
+
+void VirtualMemoryPool::Engine::endObject(Span* span, unsigned slot) {
     const bool resident = span->resident();
     const bool unpinnedNow = resident && span->counts()[slot] > kCountZero && endPins(span, slot);
     if (resident)
