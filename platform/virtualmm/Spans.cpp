@@ -323,6 +323,7 @@ void VirtualMemoryPool::Engine::verify() const {
         VMM_CHECK(m_table.pages[page].span == nullptr && m_table.pages[page].bias == nullptr,
                   page); // rule G2, near the end
     std::vector<unsigned> emptySpans(m_classes.size(), 0);
+    std::vector<unsigned long long> classObjects(m_classes.size(), 0);
     for (unsigned long long page = 0; page < m_fastPages.size(); ++page) {
         const Span* span = recordAt(page);
         if (span == nullptr) {
@@ -347,13 +348,17 @@ void VirtualMemoryPool::Engine::verify() const {
             filePages += span->pageCount;
             ++slots;
         }
-        if (span->classIndex != kLargeClass && span->liveCount == 0)
-            ++emptySpans[span->classIndex];
+        if (span->classIndex != kLargeClass) {
+            emptySpans[span->classIndex] += span->liveCount == 0;
+            classObjects[span->classIndex] += span->liveCount;
+        }
         objects += span->liveCount;
         batched += (span->flags & kInBatch) != 0;
     }
-    // Rule 16: the count of empty spans per class is exact and bounded.
+    // Rule 16: the count of empty spans per class is exact and bounded; so is its count of
+    // objects, which the statistics report.
     for (std::size_t index = 0; index < m_classes.size(); ++index) {
+        VMM_CHECK(classObjects[index] == m_classes[index].liveObjects, index);
         VMM_CHECK(emptySpans[index] == m_classes[index].emptySpans, index);
         VMM_CHECK(emptySpans[index] <= kKeptEmptySpans, index);
     }
