@@ -90,18 +90,6 @@ void HXLVirtualMemoryMgr::initialize(unsigned int storeSize) {
     }
 }
 
-void* HXLVirtualMemoryMgr::alloc(unsigned int size, HXLVirtualPageItem& item) {
-    if (!item.empty())
-        return resize(size, item);
-    tcmalloc::PageItem record;
-    void* result = m_pool->Allocate(static_cast<unsigned long long>(size), record);
-    item.setOffset(record.offset);
-    item.setSize(size);
-    if (result == nullptr)
-        allocFailed();
-    return result;
-}
-
 void* HXLVirtualMemoryMgr::resize(unsigned int size, HXLVirtualPageItem& item) {
     void* result = nullptr;
     if (size < item.getSize()) {
@@ -133,18 +121,6 @@ void* HXLVirtualMemoryMgr::resize(unsigned int size, HXLVirtualPageItem& item) {
 
 void HXLVirtualMemoryMgr::allocFailed() {
     HXL_THROW(HXLOutOfMemoryError(0, NULL), "HXLVirtualMemoryMgr::alloc");
-}
-
-void HXLVirtualMemoryMgr::free(HXLVirtualPageItem& item) {
-    if (!isLive(item.getOffset()))
-        return;
-    tcmalloc::PageItem record;
-    record.offset = item.getOffset();
-    const unsigned long long misuses = m_fast->misuses;
-    m_pool->Deallocate(record);
-    if (m_fast->misuses != misuses)
-        misuse("HXLVirtualMemoryMgr::free", "no live object", record.offset);
-    item.setOffset(0);
 }
 
 void HXLVirtualMemoryMgr::dirty(HXLVirtualPageItem& item) {

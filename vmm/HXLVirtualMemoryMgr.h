@@ -81,12 +81,34 @@ public:
     /// one's bytes are copied over and it is freed); a smaller size shrinks in place. Throws
     /// HXLOutOfMemoryError when the store gives no address, and HXLAssertError when a growing
     /// object's old bytes cannot be mapped back.
-    void* alloc(unsigned int size, HXLVirtualPageItem& item);
+    void* alloc(unsigned int size, HXLVirtualPageItem& item) {
+        // Inline: a new object costs one call, into the store.
+        if (!item.empty())
+            return resize(size, item);
+        tcmalloc::PageItem record;
+        void* result = m_pool->Allocate(static_cast<unsigned long long>(size), record);
+        item.setOffset(record.offset);
+        item.setSize(size);
+        if (result == nullptr)
+            allocFailed();
+        return result;
+    }
     /// Ends the object of a live item and sets its offset to 0; the size stays.
     ///
     /// Its addresses end with it. Throws HXLIllegalStateError, with the item unchanged, when the
     /// offset names no live object.
-    void free(HXLVirtualPageItem& item);
+    void free(HXLVirtualPageItem& item) {
+        // Inline, as alloc; the store counts misuse where the manager can see it.
+        tcmalloc::PageItem record;
+        record.offset = item.getOffset();
+        if (record.offset == 0 || record.offset == HXLVirtualPageItem::kInvalidOffset)
+            return;
+        const unsigned long long misuses = m_fast->misuses;
+        m_pool->Deallocate(record);
+        if (m_fast->misuses != misuses)
+            misuse("HXLVirtualMemoryMgr::free", "no live object", record.offset);
+        item.setOffset(0);
+    }
     /// Marks the object of a live item as changed. Writers need not call it.
     void dirty(HXLVirtualPageItem& item);
     /// Gives back one reference on the object of a live item; its address may be dead after.
