@@ -452,7 +452,7 @@ private:
 // The figures ExtractStats reports that the rest of the engine does not keep anyway.
 struct EngineCounts {
     unsigned long long objectsCurrent = 0;
-    unsigned long long objectsMax = 0;  // brought up to date before each deallocation
+    unsigned long long objectsMax = 0;  // most at once: each allocation keeps it up to date
     unsigned long long allocations = 0; // objects ever allocated
     unsigned long long largeSpans = 0;
     unsigned long long largePages = 0;

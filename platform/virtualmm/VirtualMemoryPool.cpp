@@ -158,7 +158,8 @@ unsigned VirtualMemoryPool::Engine::lowestFreeSlot(const Span* span) {
 void* VirtualMemoryPool::Engine::placeObject(Span* span, unsigned slot, PageItem& item) {
     span->live()[slot >> 6] |= 1ULL << (slot & 63);
     ++span->liveCount;
-    ++m_counts.objectsCurrent;
+    if (++m_counts.objectsCurrent > m_counts.objectsMax)
+        m_counts.objectsMax = m_counts.objectsCurrent;
     ++m_counts.allocations;
     span->counts()[slot] = kCountZero + 1; // a new object has count 1
     ++m_table.firstPins;
@@ -224,12 +225,12 @@ void VirtualMemoryPool::Engine::deallocate(unsigned long long offset) {
         misused(offset);
         return;
     }
-    m_counts.objectsMax = std::max(m_counts.objectsMax, m_counts.objectsCurrent);
     // The usual case, without a call: an unpinned object of a resident small span that keeps
     // other objects and is on its class's list already. endObject does the same and the rest.
-    if (span->resident() && span->counts()[slot] == kCountZero && span->liveCount > 1 &&
+    unsigned char* count = span->resident() ? span->counts() + slot : nullptr;
+    if (count != nullptr && *count == kCountZero && span->liveCount > 1 &&
         (span->flags & kOnNonFullList) != 0) {
-        span->counts()[slot] = kFreeSlot;
+        *count = kFreeSlot;
         span->live()[slot >> 6] &= ~(1ULL << (slot & 63));
         --span->liveCount;
         --m_counts.objectsCurrent;
@@ -305,7 +306,7 @@ void VirtualMemoryPool::Engine::extractStats(VirtualMemoryStats* stats, unsigned
     stats->residentBudget = m_table.budget;
     stats->residentBytes = m_table.residentBytes;
     stats->objectsCurrent = m_counts.objectsCurrent;
-    stats->objectsMax = std::max(m_counts.objectsMax, m_counts.objectsCurrent);
+    stats->objectsMax = m_counts.objectsMax;
     stats->objectsCumulative = m_counts.allocations;
     stats->pageDrops = m_counts.pageDrops;
     stats->pageFileSize = m_file.sizeInBytes();
