@@ -235,7 +235,9 @@ static_assert(sizeof(Span) == 88, "a span record is 88 bytes and its bitmap");
 static_assert(kCountZero == 1 && kFreeSlot == 0 && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__,
               "slot bytes are spread from the live bitmap, eight to a word");
 
-struct SizeClass {
+// One cache line each: an allocation reads and writes its class's line and no other, and the
+// class index becomes an offset by a shift.
+struct alignas(64) SizeClass {
     unsigned elementSize;
     unsigned pages;
     unsigned slots;
@@ -247,6 +249,7 @@ struct SizeClass {
     unsigned long long liveObjects;
     Span* nonFull; // spans with free slots; resident ones are put in front
 };
+static_assert(sizeof(SizeClass) == 64, "a size class is one cache line");
 
 // Span records and hot blocks come from here rather than from the process heap: they are
 // small, many and long-lived, and would otherwise sit between span buffers in the heap and

@@ -156,17 +156,18 @@ unsigned VirtualMemoryPool::Engine::lowestFreeSlot(const Span* span) {
 // A new object in `slot` of the resident `span`, with count 1 and mapped for writing; its
 // class's list and counts are the caller's.
 void* VirtualMemoryPool::Engine::placeObject(Span* span, unsigned slot, PageItem& item) {
+    FastSpan* hot = span->hot;
     span->live()[slot >> 6] |= 1ULL << (slot & 63);
     ++span->liveCount;
     if (++m_counts.objectsCurrent > m_counts.objectsMax)
         m_counts.objectsMax = m_counts.objectsCurrent;
     ++m_counts.allocations;
-    span->counts()[slot] = kCountZero + 1; // a new object has count 1
+    hot->counts()[slot] = kCountZero + 1; // a new object has count 1
     ++m_table.firstPins;
-    if (span->pins()++ == 0)
+    if (hot->pinCount++ == 0)
         ++m_table.spanPins;
     // Mapped for writing: a scan span used twice is none any more.
-    span->hotFlags() &= static_cast<unsigned char>(~(kFastScan | kFastScanUsed));
+    hot->flags &= static_cast<unsigned char>(~(kFastScan | kFastScanUsed));
     mappedForWriting(span);
     item.offset = slotOffset(span, slot);
 #if HXL_VMM_CHECK_LEVEL >= 1
