@@ -235,8 +235,8 @@ static_assert(sizeof(Span) == 88, "a span record is 88 bytes and its bitmap");
 static_assert(kCountZero == 1 && kFreeSlot == 0 && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__,
               "slot bytes are spread from the live bitmap, eight to a word");
 
-// One cache line each: an allocation reads and writes its class's line and no other, and the
-// class index becomes an offset by a shift.
+// One cache line each: an allocation touches its own class's line only, and a class index
+// becomes an offset by a shift.
 struct alignas(64) SizeClass {
     unsigned elementSize;
     unsigned pages;
