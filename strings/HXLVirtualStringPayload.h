@@ -52,8 +52,9 @@ public:
             return;
         m_address = static_cast<const char*>(
             tcmalloc::fastMapHeld(*memMgr->m_fast, m_offset, true, m_hold));
-        if (m_address == NULL)
-            m_address = static_cast<const char*>(mapPayload(memMgr, item, location));
+        if (m_address == NULL) // the fast path declined: the store's own call, once
+            m_address = static_cast<const char*>(
+                hxl_translated::required(memMgr->getAddressSlow(m_offset, 1), location));
     }
     MappedPayload(const MappedPayload&) = delete;
     MappedPayload& operator=(const MappedPayload&) = delete;

@@ -511,6 +511,18 @@ private:
         return span;
     }
 
+    // The size class of a small object of `size` bytes (at most kMaxSmallSize).
+    unsigned short classOf(unsigned long long size) const {
+        return m_classOfGranules[(size + kClassGranule - 1) / kClassGranule];
+    }
+    // Marks `slot` free in the live bitmap and counts one object fewer in the span and the store;
+    // the slot byte, the pins and the class are the caller's.
+    void dropSlot(Span* span, unsigned slot) {
+        span->live()[slot >> 6] &= ~(1ULL << (slot & 63));
+        --span->liveCount;
+        --m_counts.objectsCurrent;
+    }
+
     // FastSpan::divisor of the span: ceil(2^64 / slot size), or 1 for one large object.
     unsigned long long divisorOf(const Span* span) const {
         return span->classIndex == kLargeClass ? 1 : m_classes[span->classIndex].divisor;

@@ -93,7 +93,7 @@ void* VirtualMemoryPool::Engine::allocate(unsigned long long size, PageItem& ite
     if (size <= kMaxSmallSize) {
         // The usual case, without a call: a resident span of the class that holds objects and
         // keeps a free slot after this one. allocateSlow does the same and the rest.
-        SizeClass& sc = m_classes[m_classOfGranules[(size + kClassGranule - 1) / kClassGranule]];
+        SizeClass& sc = m_classes[classOf(size)];
         Span* span = sc.nonFull;
         if (span != nullptr && span->resident() && span->liveCount != 0 &&
             span->liveCount + 1u < sc.slots) {
@@ -108,8 +108,7 @@ void* VirtualMemoryPool::Engine::allocateSlow(unsigned long long size, PageItem&
     Span* span;
     unsigned slot = 0;
     if (size <= kMaxSmallSize) {
-        const unsigned short classIndex =
-            m_classOfGranules[(size + kClassGranule - 1) / kClassGranule];
+        const unsigned short classIndex = classOf(size);
         SizeClass& sc = m_classes[classIndex];
         span = sc.nonFull;
         if (span != nullptr) {
@@ -232,9 +231,7 @@ void VirtualMemoryPool::Engine::deallocate(unsigned long long offset) {
     if (count != nullptr && *count == kCountZero && span->liveCount > 1 &&
         (span->flags & kOnNonFullList) != 0) {
         *count = kFreeSlot;
-        span->live()[slot >> 6] &= ~(1ULL << (slot & 63));
-        --span->liveCount;
-        --m_counts.objectsCurrent;
+        dropSlot(span, slot);
         --m_classes[span->classIndex].liveObjects;
         return;
     }
@@ -246,9 +243,7 @@ void VirtualMemoryPool::Engine::endObject(Span* span, unsigned slot) {
     const bool unpinnedNow = resident && span->counts()[slot] > kCountZero && endPins(span, slot);
     if (resident)
         span->counts()[slot] = kFreeSlot;
-    span->live()[slot >> 6] &= ~(1ULL << (slot & 63));
-    --span->liveCount;
-    --m_counts.objectsCurrent;
+    dropSlot(span, slot);
     if (span->classIndex == kLargeClass) {
         releaseSpan(span);
         return;
