@@ -142,6 +142,10 @@ template <class E>
     exception.hurl(location, function, "HXL_THROW");
     __builtin_unreachable(); // hurl always throws; the compiler cannot see it through the vtable
 }
+/// HXL_THROW of HXLAssertError(0, text) at line `line` of `file`: the failure of HXL_ASSERT
+/// and HXL_ASSERT_NAMED. Out of line, so that an assertion in an inline function costs its
+/// caller a compare and a call, and nothing in its frame.
+[[noreturn, gnu::cold]] HXL_EXPORT void assertFailed(const char* file, int line, const char* text);
 } // namespace hxl_detail
 
 /// @ingroup contracts
@@ -165,7 +169,7 @@ template <class E>
 #define HXL_ASSERT(cond)                                                                           \
     do {                                                                                           \
         if (!(cond))                                                                               \
-            HXL_THROW(HXLAssertError(0, "HXL_ASSERT(" #cond ");"));                                \
+            ::hxl_detail::assertFailed(__FILE__, __LINE__, "HXL_ASSERT(" #cond ");");              \
     } while (0)
 
 /// @ingroup contracts
@@ -175,7 +179,8 @@ template <class E>
 #define HXL_ASSERT_NAMED(cond, words)                                                              \
     do {                                                                                           \
         if (!(cond))                                                                               \
-            HXL_THROW(HXLAssertError(0, "HXL_ASSERT_NAMED(" #cond ", " #words ");"));              \
+            ::hxl_detail::assertFailed(__FILE__, __LINE__,                                         \
+                                       "HXL_ASSERT_NAMED(" #cond ", " #words ");");                \
     } while (0)
 
 /// @ingroup contracts

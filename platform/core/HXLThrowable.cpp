@@ -38,6 +38,10 @@ void HXLThrowable::hurl(const HXLFileLocation& location, const char* function, c
 HXLAssertError::HXLAssertError(int, const char* text) : HXLThrowable(text) {}
 HXL_DEFINE_HURL(HXLAssertError)
 
+void hxl_detail::assertFailed(const char* file, int line, const char* text) {
+    hurl(HXLFileLocation(file, line), HXLAssertError(0, text));
+}
+
 HXLIllegalStateError::HXLIllegalStateError(int, const char* text) : HXLThrowable(text) {}
 HXL_DEFINE_HURL(HXLIllegalStateError)
 
