@@ -255,11 +255,23 @@ static_assert(sizeof(SizeClass) == 64, "a size class is one cache line");
 // small, many and long-lived, and would otherwise sit between span buffers in the heap and
 // keep it from giving memory back. Sizes are rounded to `Granule` bytes, and every block is
 // aligned to it; each size has a free list.
+//
+// The first chunk is kChunkBytes from the heap; every later one is a huge page of its own,
+// advised as such (SpanMemory.h), since a fresh page costs a fault on first touch and a store
+// with many spans would otherwise take one fault per 4 KiB of records. A store with few spans
+// never needs more than the first chunk.
 template <std::size_t Granule, std::size_t Largest> class RecordArena {
 public:
+    RecordArena() = default;
+    RecordArena(const RecordArena&) = delete;
+    RecordArena& operator=(const RecordArena&) = delete;
     ~RecordArena() {
-        for (void* chunk : m_chunks)
-            std::free(chunk);
+        for (std::size_t i = 0; i < m_chunks.size(); ++i) {
+            if (i == 0)
+                std::free(m_chunks[i]);
+            else
+                unmapHuge(static_cast<char*>(m_chunks[i]), kHugePageBytes);
+        }
     }
     static std::size_t rounded(std::size_t bytes) {
         return (bytes + Granule - 1) / Granule * Granule;
@@ -270,21 +282,8 @@ public:
             m_free[units] = *static_cast<void**>(record);
             return record;
         }
-        if (m_chunkLeft < units * Granule) {
-            if (m_chunks.size() == m_chunks.capacity()) {
-                try {
-                    m_chunks.reserve(m_chunks.size() * 2 + 16);
-                } catch (const std::bad_alloc&) {
-                    return nullptr;
-                }
-            }
-            void* chunk = std::aligned_alloc(Granule < 16 ? 16 : Granule, kChunkBytes);
-            if (chunk == nullptr)
-                return nullptr;
-            m_chunks.push_back(chunk); // cannot throw: capacity was reserved
-            m_chunkNext = static_cast<char*>(chunk);
-            m_chunkLeft = kChunkBytes; // the rest of the old chunk is a few units at most
-        }
+        if (m_chunkLeft < units * Granule && !newChunk())
+            return nullptr;
         void* record = m_chunkNext;
         m_chunkNext += units * Granule;
         m_chunkLeft -= units * Granule;
@@ -298,8 +297,33 @@ public:
 
 private:
     static const std::size_t kChunkBytes = 256 << 10;
+    static const std::size_t kAlign = Granule < 16 ? 16 : Granule;
+    static_assert(kHugePageBytes % kAlign == 0, "a mapped chunk is aligned for every block");
+
+    // Opens a new chunk; the rest of the old one is a few units at most. False when memory
+    // runs out, with nothing changed.
+    bool newChunk() {
+        if (m_chunks.size() == m_chunks.capacity()) {
+            try {
+                m_chunks.reserve(m_chunks.size() * 2 + 16);
+            } catch (const std::bad_alloc&) {
+                return false;
+            }
+        }
+        const bool first = m_chunks.empty();
+        const std::size_t bytes = first ? kChunkBytes : kHugePageBytes;
+        char* chunk =
+            first ? static_cast<char*>(std::aligned_alloc(kAlign, bytes)) : mapHuge(bytes, true);
+        if (chunk == nullptr)
+            return false;
+        m_chunks.push_back(chunk); // cannot throw: capacity was reserved
+        m_chunkNext = chunk;
+        m_chunkLeft = bytes;
+        return true;
+    }
+
     void* m_free[Largest / Granule + 1] = {};
-    std::vector<void*> m_chunks;
+    std::vector<void*> m_chunks; // the first from the heap, the others mapped huge pages
     char* m_chunkNext = nullptr;
     std::size_t m_chunkLeft = 0;
 };

@@ -15,11 +15,37 @@ namespace {
 const unsigned long long kMostArenaPages = 1ULL << 23;
 } // namespace
 
+char* mapHuge(std::size_t bytes, bool advise) {
+    // One huge page more than asked for, so that a boundary lies inside; the ends are cut off.
+    void* mapping = ::mmap(nullptr, bytes + kHugePageBytes, PROT_READ | PROT_WRITE,
+                           MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (mapping == MAP_FAILED)
+        return nullptr;
+    char* const start = static_cast<char*>(mapping);
+    const std::size_t head =
+        (kHugePageBytes - reinterpret_cast<std::uintptr_t>(start) % kHugePageBytes) %
+        kHugePageBytes;
+    if (head != 0)
+        ::munmap(start, head);
+    ::munmap(start + head + bytes, kHugePageBytes - head);
+#ifdef MADV_HUGEPAGE
+    if (advise)
+        ::madvise(start + head, bytes, MADV_HUGEPAGE); // advice only: where refused, 4 KiB pages
+#else
+    (void)advise;
+#endif
+    return start + head;
+}
+
+void unmapHuge(char* memory, std::size_t bytes) {
+    ::munmap(memory, bytes);
+}
+
 SpanMemory::SpanMemory(unsigned long long budget) : m_budgetPages((budget >> kShift) + 1) {}
 
 SpanMemory::~SpanMemory() {
-    if (m_mapping != nullptr)
-        ::munmap(m_mapping, m_mapped);
+    if (m_base != nullptr)
+        unmapHuge(m_base, static_cast<std::size_t>(m_arenaPages) << kShift);
 }
 
 bool SpanMemory::reserve() {
@@ -27,24 +53,12 @@ bool SpanMemory::reserve() {
         return false;
     unsigned long long pages = m_budgetPages + m_budgetPages / 8;
     pages = std::min((pages + kHugePages - 1) / kHugePages * kHugePages, kMostArenaPages);
-    const std::size_t huge = static_cast<std::size_t>(kHugePages) << kShift;
-    const std::size_t bytes = static_cast<std::size_t>(pages) << kShift;
-    // One huge page more than the arena, so that the arena can start on a huge page boundary.
-    void* mapping = ::mmap(nullptr, bytes + huge, PROT_READ | PROT_WRITE,
-                           MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-    if (mapping == MAP_FAILED) {
+    m_base = mapHuge(static_cast<std::size_t>(pages) << kShift, pages >= 4 * kHugePages);
+    if (m_base == nullptr) {
         m_reserveFailed = true;
         return false;
     }
-    m_mapping = static_cast<char*>(mapping);
-    m_mapped = bytes + huge;
-    const std::uintptr_t start = reinterpret_cast<std::uintptr_t>(mapping);
-    m_base = m_mapping + ((huge - start % huge) % huge);
     m_arenaPages = pages;
-#ifdef MADV_HUGEPAGE
-    if (pages >= 4 * kHugePages)
-        ::madvise(m_base, bytes, MADV_HUGEPAGE); // advice only: where refused, 4 KiB pages
-#endif
     return true;
 }
 

@@ -32,6 +32,16 @@
 
 namespace tcmalloc {
 
+// Bytes of a transparent huge page on x86-64 and most other 64-bit hosts.
+const std::size_t kHugePageBytes = std::size_t{2} << 20;
+
+// A mapping of `bytes` (a multiple of kHugePageBytes) of reserved, not committed, memory that
+// starts on a huge page boundary, advised for transparent huge pages when `advise` is true;
+// null when the system refuses. Its pages read as zeros until written. Give it back with
+// unmapHuge and the same length.
+char* mapHuge(std::size_t bytes, bool advise);
+void unmapHuge(char* memory, std::size_t bytes);
+
 class SpanMemory {
 public:
     // The arena is sized for a store whose resident budget is `budget` bytes.
@@ -58,7 +68,7 @@ public:
 private:
     static const unsigned kShift = 13;       // 8 KiB pages
     static const unsigned kListedPages = 32; // runs up to this long have a list of their own
-    static const unsigned kHugePages = 256;  // 8 KiB pages in a 2 MiB huge page
+    static const unsigned kHugePages = kHugePageBytes >> kShift; // 8 KiB pages in a huge page
     struct FreeRun {
         FreeRun* next;
         unsigned long long pages;
@@ -76,9 +86,7 @@ private:
 
     unsigned long long m_budgetPages;
     unsigned long long m_arenaPages = 0; // 0 until reserved; stays 0 when the reserve fails
-    char* m_base = nullptr;
-    std::size_t m_mapped = 0; // bytes of the mapping, which is wider than the arena for alignment
-    char* m_mapping = nullptr;
+    char* m_base = nullptr;              // the arena's mapping, m_arenaPages long
     bool m_reserveFailed = false;
     unsigned long long m_top = 0;            // arena pages below are taken or on a list
     unsigned long long m_taken = 0;          // arena pages in taken runs
