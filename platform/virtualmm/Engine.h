@@ -256,22 +256,18 @@ static_assert(sizeof(SizeClass) == 64, "a size class is one cache line");
 // keep it from giving memory back. Sizes are rounded to `Granule` bytes, and every block is
 // aligned to it; each size has a free list.
 //
-// The first chunk is kChunkBytes from the heap; every later one is a huge page of its own,
-// advised as such (SpanMemory.h), since a fresh page costs a fault on first touch and a store
-// with many spans would otherwise take one fault per 4 KiB of records. A store with few spans
-// never needs more than the first chunk.
+// A fresh page faulted in alone costs several times what it costs as one of a range committed
+// in one call (SpanMemory.h), and records are touched in order as spans are made: chunks are
+// mappings that double from 256 KiB to 2 MiB, committed 64 KiB at a time ahead of the blocks
+// handed out. A store holds at most 64 KiB of them that it does not use yet.
 template <std::size_t Granule, std::size_t Largest> class RecordArena {
 public:
     RecordArena() = default;
     RecordArena(const RecordArena&) = delete;
     RecordArena& operator=(const RecordArena&) = delete;
     ~RecordArena() {
-        for (std::size_t i = 0; i < m_chunks.size(); ++i) {
-            if (i == 0)
-                std::free(m_chunks[i]);
-            else
-                unmapHuge(static_cast<char*>(m_chunks[i]), kHugePageBytes);
-        }
+        for (const Chunk& chunk : m_chunks)
+            unmapReserved(chunk.memory, chunk.bytes);
     }
     static std::size_t rounded(std::size_t bytes) {
         return (bytes + Granule - 1) / Granule * Granule;
@@ -282,11 +278,16 @@ public:
             m_free[units] = *static_cast<void**>(record);
             return record;
         }
-        if (m_chunkLeft < units * Granule && !newChunk())
+        if (units * Granule > static_cast<std::size_t>(m_end - m_next) && !newChunk())
             return nullptr;
-        void* record = m_chunkNext;
-        m_chunkNext += units * Granule;
-        m_chunkLeft -= units * Granule;
+        char* record = m_next;
+        m_next += units * Granule;
+        if (m_next > m_committed) {
+            const std::size_t step =
+                std::min(kCommitStep, static_cast<std::size_t>(m_end - m_committed));
+            prefault(m_committed, step);
+            m_committed += step;
+        }
         return record;
     }
     void give(void* record, std::size_t bytes) {
@@ -296,9 +297,15 @@ public:
     }
 
 private:
-    static const std::size_t kChunkBytes = 256 << 10;
-    static const std::size_t kAlign = Granule < 16 ? 16 : Granule;
-    static_assert(kHugePageBytes % kAlign == 0, "a mapped chunk is aligned for every block");
+    static constexpr std::size_t kFirstChunk = 256 << 10;
+    static constexpr std::size_t kLastChunk = 2 << 20;
+    static constexpr std::size_t kCommitStep = 64 << 10;
+    static_assert(4096 % Granule == 0 && Largest <= kCommitStep,
+                  "a mapping is aligned for every block, and a step covers a block");
+    struct Chunk {
+        char* memory;
+        std::size_t bytes;
+    };
 
     // Opens a new chunk; the rest of the old one is a few units at most. False when memory
     // runs out, with nothing changed.
@@ -310,22 +317,22 @@ private:
                 return false;
             }
         }
-        const bool first = m_chunks.empty();
-        const std::size_t bytes = first ? kChunkBytes : kHugePageBytes;
-        char* chunk =
-            first ? static_cast<char*>(std::aligned_alloc(kAlign, bytes)) : mapHuge(bytes, true);
-        if (chunk == nullptr)
+        const std::size_t bytes =
+            m_chunks.empty() ? kFirstChunk : std::min(m_chunks.back().bytes * 2, kLastChunk);
+        char* memory = mapReserved(bytes, false);
+        if (memory == nullptr)
             return false;
-        m_chunks.push_back(chunk); // cannot throw: capacity was reserved
-        m_chunkNext = chunk;
-        m_chunkLeft = bytes;
+        m_chunks.push_back({memory, bytes}); // cannot throw: capacity was reserved
+        m_next = m_committed = memory;
+        m_end = memory + bytes;
         return true;
     }
 
     void* m_free[Largest / Granule + 1] = {};
-    std::vector<void*> m_chunks; // the first from the heap, the others mapped huge pages
-    char* m_chunkNext = nullptr;
-    std::size_t m_chunkLeft = 0;
+    std::vector<Chunk> m_chunks;
+    char* m_next = nullptr;      // the next block of the last chunk
+    char* m_end = nullptr;       // the end of the last chunk
+    char* m_committed = nullptr; // the end of its committed part
 };
 
 // A span read in file order, as it was when it came in: the entry is stale once the span at

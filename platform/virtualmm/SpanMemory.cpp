@@ -15,13 +15,17 @@ namespace {
 const unsigned long long kMostArenaPages = 1ULL << 23;
 } // namespace
 
-char* mapHuge(std::size_t bytes, bool advise) {
-    // One huge page more than asked for, so that a boundary lies inside; the ends are cut off.
-    void* mapping = ::mmap(nullptr, bytes + kHugePageBytes, PROT_READ | PROT_WRITE,
+char* mapReserved(std::size_t bytes, bool huge) {
+    // For a huge mapping, one huge page more than asked for, so that a boundary lies inside;
+    // the ends are cut off.
+    const std::size_t extra = huge ? kHugePageBytes : 0;
+    void* mapping = ::mmap(nullptr, bytes + extra, PROT_READ | PROT_WRITE,
                            MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     if (mapping == MAP_FAILED)
         return nullptr;
     char* const start = static_cast<char*>(mapping);
+    if (!huge)
+        return start;
     const std::size_t head =
         (kHugePageBytes - reinterpret_cast<std::uintptr_t>(start) % kHugePageBytes) %
         kHugePageBytes;
@@ -29,23 +33,29 @@ char* mapHuge(std::size_t bytes, bool advise) {
         ::munmap(start, head);
     ::munmap(start + head + bytes, kHugePageBytes - head);
 #ifdef MADV_HUGEPAGE
-    if (advise)
-        ::madvise(start + head, bytes, MADV_HUGEPAGE); // advice only: where refused, 4 KiB pages
-#else
-    (void)advise;
+    ::madvise(start + head, bytes, MADV_HUGEPAGE); // advice only: where refused, 4 KiB pages
 #endif
     return start + head;
 }
 
-void unmapHuge(char* memory, std::size_t bytes) {
+void unmapReserved(char* memory, std::size_t bytes) {
     ::munmap(memory, bytes);
+}
+
+void prefault(char* memory, std::size_t bytes) {
+#ifdef MADV_POPULATE_WRITE
+    ::madvise(memory, bytes, MADV_POPULATE_WRITE); // kernels before 5.14 refuse: faults then
+#else
+    (void)memory;
+    (void)bytes;
+#endif
 }
 
 SpanMemory::SpanMemory(unsigned long long budget) : m_budgetPages((budget >> kShift) + 1) {}
 
 SpanMemory::~SpanMemory() {
     if (m_base != nullptr)
-        unmapHuge(m_base, static_cast<std::size_t>(m_arenaPages) << kShift);
+        unmapReserved(m_base, static_cast<std::size_t>(m_arenaPages) << kShift);
 }
 
 bool SpanMemory::reserve() {
@@ -53,7 +63,8 @@ bool SpanMemory::reserve() {
         return false;
     unsigned long long pages = m_budgetPages + m_budgetPages / 8;
     pages = std::min((pages + kHugePages - 1) / kHugePages * kHugePages, kMostArenaPages);
-    m_base = mapHuge(static_cast<std::size_t>(pages) << kShift, pages >= 4 * kHugePages);
+    m_huge = pages >= 4 * kHugePages;
+    m_base = mapReserved(static_cast<std::size_t>(pages) << kShift, m_huge);
     if (m_base == nullptr) {
         m_reserveFailed = true;
         return false;
@@ -101,6 +112,13 @@ char* SpanMemory::fromTop(unsigned long long pages, unsigned long long limit) {
         return nullptr;
     char* memory = m_base + (m_top << kShift);
     m_top += pages;
+    if (m_top > m_committed && !m_huge) {
+        const unsigned long long step =
+            std::min(std::max<unsigned long long>(kCommitPages, m_top - m_committed),
+                     m_arenaPages - m_committed);
+        prefault(m_base + (m_committed << kShift), static_cast<std::size_t>(step) << kShift);
+        m_committed += step;
+    }
     return memory;
 }
 

@@ -8,9 +8,10 @@
 // life.
 //
 // Rules
-//   M1. The arena is reserved, not committed: a page is first touched by the span that first
-//       uses it and stays the store's until the store ends. It holds the budget, rounded up to
-//       whole huge pages, and an eighth more for read-ahead, pinned spans and fragmentation.
+//   M1. The arena is reserved, not committed: a page is committed when the first span that
+//       uses it is handed out (rule M6) and stays the store's until the store ends. It holds the
+//       budget, rounded up to whole huge pages, and an eighth more for read-ahead, pinned spans and
+//       fragmentation.
 //   M2. Every arena page below the top is in exactly one taken run or one free run; a free run
 //       is on the list of its length (runs longer than kListedPages share the last list). Pages
 //       from the top up have never been handed out since the last join.
@@ -24,7 +25,9 @@
 //       budget: the touched part of the arena stays near the budget. When the arena cannot
 //       hold the run it comes from the process heap, and goes back there when given.
 //   M6. An arena of at least four huge pages is advised for transparent huge pages: where the
-//       kernel gives them, a fault brings in 2 MiB.
+//       kernel gives them, a fault brings in 2 MiB. A smaller arena commits its pages 64 KiB at
+//       a time as the top first passes them (prefault), so it holds at most 64 KiB above the
+//       top that no span has used yet.
 #ifndef HXL_VMM_SPANMEMORY_H
 #define HXL_VMM_SPANMEMORY_H
 
@@ -35,12 +38,15 @@ namespace tcmalloc {
 // Bytes of a transparent huge page on x86-64 and most other 64-bit hosts.
 const std::size_t kHugePageBytes = std::size_t{2} << 20;
 
-// A mapping of `bytes` (a multiple of kHugePageBytes) of reserved, not committed, memory that
-// starts on a huge page boundary, advised for transparent huge pages when `advise` is true;
-// null when the system refuses. Its pages read as zeros until written. Give it back with
-// unmapHuge and the same length.
-char* mapHuge(std::size_t bytes, bool advise);
-void unmapHuge(char* memory, std::size_t bytes);
+// A mapping of `bytes` of reserved, not committed, memory whose pages read as zeros until
+// written, or null when the system refuses. With `huge` it starts on a huge page boundary and
+// is advised for transparent huge pages (`bytes` must then be a multiple of kHugePageBytes).
+// Give it back with unmapReserved and the same length.
+char* mapReserved(std::size_t bytes, bool huge);
+void unmapReserved(char* memory, std::size_t bytes);
+// Commits the pages of a range of a mapping in one call where the system can (a fresh page
+// faulted in one at a time costs several times as much); nothing happens where it cannot.
+void prefault(char* memory, std::size_t bytes);
 
 class SpanMemory {
 public:
@@ -66,8 +72,9 @@ public:
     }
 
 private:
-    static const unsigned kShift = 13;       // 8 KiB pages
-    static const unsigned kListedPages = 32; // runs up to this long have a list of their own
+    static const unsigned kShift = 13;          // 8 KiB pages
+    static const unsigned kListedPages = 32;    // runs up to this long have a list of their own
+    static constexpr unsigned kCommitPages = 8; // committed at a time in a small arena (rule M6)
     static const unsigned kHugePages = kHugePageBytes >> kShift; // 8 KiB pages in a huge page
     struct FreeRun {
         FreeRun* next;
@@ -88,6 +95,8 @@ private:
     unsigned long long m_arenaPages = 0; // 0 until reserved; stays 0 when the reserve fails
     char* m_base = nullptr;              // the arena's mapping, m_arenaPages long
     bool m_reserveFailed = false;
+    bool m_huge = false;                     // advised for huge pages (rule M6)
+    unsigned long long m_committed = 0;      // arena pages committed by prefault (rule M6)
     unsigned long long m_top = 0;            // arena pages below are taken or on a list
     unsigned long long m_taken = 0;          // arena pages in taken runs
     unsigned long long m_freeListed = 0;     // arena pages on the lists
