@@ -47,15 +47,20 @@ TEST(Fingerprint, BothRoundsAgreeAndEveryWordCounts) {
     fill(block.data(), block.size(), 5);
     const std::uint64_t whole = tcmalloc::fingerprint(block.data(), 8192);
     EXPECT_NE(tcmalloc::fingerprint(block.data(), 0), whole);
-    // The plain rounds and the AVX2 ones agree, so the value is the same on every machine.
-    std::uint64_t plain[16], wide[16];
+    // The plain rounds and the vector ones this CPU has agree, so the value is the same on every
+    // machine.
+    std::uint64_t plain[16], avx2[16], avx512[16];
     for (std::uint64_t i = 0; i < 16; ++i)
-        plain[i] = wide[i] = i + 1;
+        plain[i] = avx2[i] = avx512[i] = i + 1;
     tcmalloc::detail::fingerprintBlocks(plain, block.data(), 64);
     (tcmalloc::detail::fingerprintHasAvx2()
          ? tcmalloc::detail::fingerprintBlocksAvx2
-         : tcmalloc::detail::fingerprintBlocks)(wide, block.data(), 64);
-    EXPECT_EQ(0, std::memcmp(plain, wide, sizeof(plain)));
+         : tcmalloc::detail::fingerprintBlocks)(avx2, block.data(), 64);
+    (tcmalloc::detail::fingerprintHasAvx512()
+         ? tcmalloc::detail::fingerprintBlocksAvx512
+         : tcmalloc::detail::fingerprintBlocks)(avx512, block.data(), 64);
+    EXPECT_EQ(0, std::memcmp(plain, avx2, sizeof(plain)));
+    EXPECT_EQ(0, std::memcmp(plain, avx512, sizeof(plain)));
     // One bit, or the same bit of two words of one lane (which must not cancel), changed.
     for (size_t at = 0; at + 128 < block.size(); at += 8 * 61 + 1) {
         for (size_t other : {at, at + 128}) {

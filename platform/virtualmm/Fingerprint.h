@@ -8,9 +8,11 @@
 // change of one bit always changes the lane; the rotation after each round makes the result
 // depend on the order of the words, so words that trade places are seen too. The lanes are
 // folded with a full avalanche at the end. The round needs only 32-bit multiplies, so with AVX2
-// one instruction does four lanes; the plain version computes the same value. A round takes a
-// 128-byte block into four AVX2 registers whose chains of add, shift and or run side by side:
-// with two registers (eight lanes) the hash waited on that chain and ran at half the speed. It is
+// one instruction does four lanes, with AVX-512 eight; the plain version computes the same
+// value. With AVX2 a round takes a 128-byte block into four registers whose chains of add,
+// shift and or run side by side: with two registers (eight lanes) the hash waited on that chain
+// and ran at half the speed. AVX-512 rotates in one instruction, so two registers whose chain is
+// an add and a rotate do the round at twice the AVX2 speed where the CPU has 512-bit units. It is
 // ours rather than a library's because the README's commands must work on a fresh machine without
 // libxxhash-dev.
 //
@@ -88,8 +90,39 @@ fingerprintBlocksAvx2(std::uint64_t* lanes, const unsigned char* p, std::size_t 
     _mm256_storeu_si256(out + 3, d);
 }
 
+// The same rounds, eight lanes to an AVX-512 register.
+__attribute__((target("avx512f"))) inline __m512i
+fingerprintRoundAvx512(__m512i lanes, __m512i words, __m512i keys) {
+    // The zero-masked forms with every lane kept are the plain instructions; GCC 12's plain
+    // forms pass an undefined register and warn of it.
+    const __mmask8 all = 0xFF;
+    const __m512i x = _mm512_xor_si512(words, keys);
+    const __m512i product = _mm512_maskz_mul_epu32(all, x, _mm512_maskz_srli_epi64(all, x, 32));
+    const __m512i swapped = _mm512_maskz_shuffle_epi32(0xFFFF, words, _MM_PERM_CDAB);
+    return _mm512_maskz_rol_epi64(all, _mm512_add_epi64(lanes, _mm512_add_epi64(swapped, product)),
+                                  17);
+}
+
+__attribute__((target("avx512f"))) inline void
+fingerprintBlocksAvx512(std::uint64_t* lanes, const unsigned char* p, std::size_t blocks) {
+    const __m512i ka = _mm512_loadu_si512(kFingerprintKeys);
+    const __m512i kb = _mm512_loadu_si512(kFingerprintKeys + 8);
+    __m512i a = _mm512_loadu_si512(lanes), b = _mm512_loadu_si512(lanes + 8);
+    for (; blocks > 0; --blocks, p += kFingerprintBlock) {
+        a = fingerprintRoundAvx512(a, _mm512_loadu_si512(p), ka);
+        b = fingerprintRoundAvx512(b, _mm512_loadu_si512(p + 64), kb);
+    }
+    _mm512_storeu_si512(lanes, a);
+    _mm512_storeu_si512(lanes + 8, b);
+}
+
 inline bool fingerprintHasAvx2() {
     static const bool has = __builtin_cpu_supports("avx2");
+    return has;
+}
+// The CPU's and the system's support: the system must save the 512-bit registers.
+inline bool fingerprintHasAvx512() {
+    static const bool has = __builtin_cpu_supports("avx512f");
     return has;
 }
 #endif
@@ -103,7 +136,9 @@ inline std::uint64_t fingerprint(const void* data, std::size_t bytes) {
         lanes[i] = (0x243F6A8885A308D3ULL ^ bytes) * (2 * i + 1); // the length is in the seeds
     const std::size_t blocks = bytes / detail::kFingerprintBlock;
 #if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
-    if (detail::fingerprintHasAvx2())
+    if (detail::fingerprintHasAvx512())
+        detail::fingerprintBlocksAvx512(lanes, p, blocks);
+    else if (detail::fingerprintHasAvx2())
         detail::fingerprintBlocksAvx2(lanes, p, blocks);
     else
 #endif
