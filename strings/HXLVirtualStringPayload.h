@@ -53,17 +53,14 @@ public:
         m_address = static_cast<const char*>(
             tcmalloc::fastMapHeld(*memMgr->m_fast, m_offset, true, m_hold));
         if (m_address == NULL) // the fast path declined: the store's own call, once
-            m_address = static_cast<const char*>(
-                hxl_translated::required(memMgr->getAddressSlow(m_offset, 1), location));
+            m_address = mapSlow(memMgr, m_offset, location);
     }
     MappedPayload(const MappedPayload&) = delete;
     MappedPayload& operator=(const MappedPayload&) = delete;
     // As HXLVirtualReference's: a failed dismiss goes on, unless an exception is unwinding.
     ~MappedPayload() noexcept(false) {
-        if (m_address != NULL && !releasedFast()) {
-            // The store's own dismiss, under the guard's rules for exceptions.
-            HXLVirtualReference<const char> rest(m_memMgr, m_offset, m_address);
-        }
+        if (m_address != NULL && !releasedFast())
+            releaseSlow(m_memMgr, m_offset, m_address);
     }
 
     const char* get() const { return m_address; }
@@ -73,10 +70,23 @@ public:
         const char* address = m_address;
         m_address = NULL;
         if (address != NULL && !releasedFast())
-            m_memMgr->dismiss(m_offset);
+            m_memMgr->dismissSlow(m_offset);
     }
 
 private:
+    // The store's own calls, out of line: a compare or copy that the fast path serves keeps no
+    // guard or exception object in its frame.
+    __attribute__((noinline, cold)) static const char*
+    mapSlow(HXLVirtualMemoryMgr* memMgr, unsigned long long offset, const char* location) {
+        return static_cast<const char*>(
+            hxl_translated::required(memMgr->getAddressSlow(offset, 1), location));
+    }
+    // The store's own dismiss, under the guard's rules for exceptions.
+    __attribute__((noinline, cold)) static void
+    releaseSlow(HXLVirtualMemoryMgr* memMgr, unsigned long long offset, const char* address) {
+        HXLVirtualReference<const char> rest(memMgr, offset, address);
+    }
+
     bool releasedFast() {
         return m_hold.count != NULL && tcmalloc::fastRelease(*m_memMgr->m_fast, m_hold);
     }

@@ -20,11 +20,16 @@ template <class Step> auto run(const char* location, Step step) -> decltype(step
     HXL_TRANSLATE(location);
 }
 
+// HXL_THROW of HXLOutOfMemoryError(0, NULL) at line `line` of `file`, with `location` as the
+// frame's function name. Out of line, so that the functions that inline `required` keep no
+// exception object in their frames.
+[[noreturn, gnu::cold]] void outOfMemory(const char* file, int line, const char* location);
+
 // An address that must not be null (from the store, or an allocation function that gives null
 // instead of throwing): HXLOutOfMemoryError when it is.
 template <class T> T* required(T* address, const char* location) {
     if (address == NULL)
-        HXL_THROW(HXLOutOfMemoryError(0, NULL), location);
+        outOfMemory(__FILE__, __LINE__, location);
     return address;
 }
 
