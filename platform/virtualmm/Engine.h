@@ -235,6 +235,24 @@ static_assert(sizeof(Span) == 88, "a span record is 88 bytes and its bitmap");
 static_assert(kCountZero == 1 && kFreeSlot == 0 && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__,
               "slot bytes are spread from the live bitmap, eight to a word");
 
+// The size after `size` in the class table: 16-byte steps to 128, then four classes per doubling
+// up to kMaxSmallSize.
+constexpr unsigned nextClassSize(unsigned size) {
+    if (size < 128)
+        return size + kClassGranule;
+    unsigned power = 128;
+    while (power * 2 <= size)
+        power *= 2;
+    return size + power / 4;
+}
+constexpr unsigned countClasses() {
+    unsigned count = 0;
+    for (unsigned size = kClassGranule; size <= kMaxSmallSize; size = nextClassSize(size))
+        ++count;
+    return count;
+}
+const unsigned kClassCount = countClasses();
+
 // One cache line each: an allocation touches its own class's line only, and a class index
 // becomes an offset by a shift.
 struct alignas(64) SizeClass {
@@ -655,8 +673,11 @@ private:
     PageMap m_fastPages;
     FastTable& m_table = m_fastPages.table();
     unsigned long long m_spreadBits[256] = {}; // a byte of the live bitmap as eight slot bytes
-    std::vector<SizeClass> m_classes;
-    std::vector<unsigned short> m_classOfGranules; // (size + 15) / 16 -> class index
+    // In the engine itself rather than behind a pointer: an allocation finds its class with one
+    // load fewer.
+    SizeClass m_classes[kClassCount] = {};
+    unsigned short m_classOfGranules[kMaxSmallSize / kClassGranule + 1] = {}; // (size + 15) / 16
+                                                                              // -> class index
     ExtentAllocator m_pageNumbers{1};
     PageFile m_file;
     RecordArena<8, 256> m_records;

@@ -208,8 +208,11 @@ bool SpanMemory::consistent(unsigned long long takenPages) const {
             listed += run->pages;
         }
     }
+    // Rule M6: a small arena has committed every page below its top, a huge one commits none.
+    const bool committed =
+        m_huge ? m_committed == 0 : m_committed >= m_top && m_committed <= m_arenaPages;
     return listed == m_freeListed && takenPages == m_taken && m_taken + listed == m_top &&
-           m_top <= m_arenaPages;
+           m_top <= m_arenaPages && committed;
 }
 
 } // namespace tcmalloc

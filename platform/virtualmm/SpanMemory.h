@@ -62,8 +62,8 @@ public:
     // Takes back a buffer from take, of the same length; never allocates (rule M4).
     void give(char* memory, unsigned pages);
 
-    // Checks rule M2; for the engine's checker. `takenPages` is the sum of the lengths of the
-    // arena buffers held by spans.
+    // Checks rules M2 and M6; for the engine's checker. `takenPages` is the sum of the lengths of
+    // the arena buffers held by spans.
     bool consistent(unsigned long long takenPages) const;
     // Arena pages held by spans (and so counted in the engine's resident bytes).
     unsigned long long arenaPagesTaken() const { return m_taken; }

@@ -30,10 +30,11 @@ VirtualMemoryPool::Engine::Engine(unsigned long long budget, const char* path)
         for (unsigned bit = 0; bit < 8; ++bit)
             m_spreadBits[bits] |= static_cast<unsigned long long>((bits >> bit) & 1) << (8 * bit);
     m_table.layout = FastTable::kFastLayout;
-    // Classes: 16-byte steps to 128, then four classes per doubling up to 8 KiB. Each class
+    // Classes as nextClassSize steps them, from 16 bytes to 8 KiB. Each class
     // takes the shortest span (1 to 8 pages) that wastes at most an eighth of itself: short
     // spans make paging fine-grained.
-    for (unsigned size = kClassGranule; size <= kMaxSmallSize;) {
+    unsigned classIndex = 0;
+    for (unsigned size = kClassGranule; size <= kMaxSmallSize; size = nextClassSize(size)) {
         unsigned bestPages = kMaxSpanPages;
         for (unsigned pages = 1; pages <= kMaxSpanPages; ++pages) {
             const unsigned long long spanBytes = pages * kPageSize;
@@ -46,25 +47,17 @@ VirtualMemoryPool::Engine::Engine(unsigned long long budget, const char* path)
         // An offset inside the span gives a slot index up to (bytes - 1) / size: the indices
         // past the last slot have bytes of their own, always free, so a hit needs no bound.
         const unsigned countBytes = static_cast<unsigned>((bestPages * kPageSize - 1) / size + 1);
-        m_classes.push_back(SizeClass{size, bestPages, slots, (slots + 63) / 64, countBytes,
-                                      ~0ULL / size + 1, 0, 0, 0, nullptr});
-        unsigned step = kClassGranule;
-        if (size >= 128) {
-            unsigned power = 128;
-            while (power * 2 <= size)
-                power *= 2;
-            step = power / 4;
-        }
-        size += step;
+        m_classes[classIndex++] =
+            SizeClass{size, bestPages, slots,  (slots + 63) / 64, countBytes, ~0ULL / size + 1, 0,
+                      0,    0,         nullptr};
     }
     // The scratch vectors never grow half-way through moving spans.
     m_batch.reserve();
     m_pieces.reserve(kIoRunBytes >> kPageShift);
     m_run.reserve(kIoRunBytes >> kPageShift);
     m_hots.reserve(kIoRunBytes >> kPageShift);
-    m_classOfGranules.resize(kMaxSmallSize / kClassGranule + 1);
     unsigned index = 0;
-    for (unsigned granules = 0; granules < m_classOfGranules.size(); ++granules) {
+    for (unsigned granules = 0; granules <= kMaxSmallSize / kClassGranule; ++granules) {
         while (m_classes[index].elementSize < std::max(granules, 1u) * kClassGranule)
             ++index;
         m_classOfGranules[granules] = static_cast<unsigned short>(index);
@@ -322,8 +315,8 @@ void VirtualMemoryPool::Engine::verify() const {
          page < std::min(m_fastPages.size() + 64, m_fastPages.capacity()); ++page)
         VMM_CHECK(m_table.pages[page].span == nullptr && m_table.pages[page].bias == nullptr,
                   page); // rule G2, near the end
-    std::vector<unsigned> emptySpans(m_classes.size(), 0);
-    std::vector<unsigned long long> classObjects(m_classes.size(), 0);
+    std::vector<unsigned> emptySpans(kClassCount, 0);
+    std::vector<unsigned long long> classObjects(kClassCount, 0);
     for (unsigned long long page = 0; page < m_fastPages.size(); ++page) {
         const Span* span = recordAt(page);
         if (span == nullptr) {
@@ -357,7 +350,7 @@ void VirtualMemoryPool::Engine::verify() const {
     }
     // Rule 16: the count of empty spans per class is exact and bounded; so is its count of
     // objects, which the statistics report.
-    for (std::size_t index = 0; index < m_classes.size(); ++index) {
+    for (std::size_t index = 0; index < kClassCount; ++index) {
         VMM_CHECK(classObjects[index] == m_classes[index].liveObjects, index);
         VMM_CHECK(emptySpans[index] == m_classes[index].emptySpans, index);
         VMM_CHECK(emptySpans[index] <= kKeptEmptySpans, index);

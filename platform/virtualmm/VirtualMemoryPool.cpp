@@ -220,19 +220,24 @@ void VirtualMemoryPool::Engine::dirty(unsigned long long offset) {
 
 void VirtualMemoryPool::Engine::deallocate(unsigned long long offset) {
     unsigned slot;
+    // The usual case, without a call: an unpinned object of a resident small span that keeps
+    // other objects and is on its class's list already, found through the hot block alone (a
+    // page with one is resident: rule 14). endObject does the same and the rest.
+    const unsigned long long page = offset >> kPageShift;
+    FastSpan* hot = page < m_fastPages.size() ? m_fastPages[page].span : nullptr;
+    if (hot != nullptr && fastSlot(offset - hot->base, hot->divisor, slot)) {
+        unsigned char* count = hot->counts() + slot;
+        Span* span = static_cast<Span*>(hot->owner);
+        if (*count == kCountZero && span->liveCount > 1 && (span->flags & kOnNonFullList) != 0) {
+            *count = kFreeSlot;
+            dropSlot(span, slot);
+            --m_classes[span->classIndex].liveObjects;
+            return;
+        }
+    }
     Span* span = find(offset, slot);
     if (span == nullptr) { // freed already, or never an object
         misused(offset);
-        return;
-    }
-    // The usual case, without a call: an unpinned object of a resident small span that keeps
-    // other objects and is on its class's list already. endObject does the same and the rest.
-    unsigned char* count = span->resident() ? span->counts() + slot : nullptr;
-    if (count != nullptr && *count == kCountZero && span->liveCount > 1 &&
-        (span->flags & kOnNonFullList) != 0) {
-        *count = kFreeSlot;
-        dropSlot(span, slot);
-        --m_classes[span->classIndex].liveObjects;
         return;
     }
     endObject(span, slot);
