@@ -312,7 +312,16 @@ public:
     /// byte count including the NUL. The text is cached: the pointer stays good until the
     /// string is changed or destroyed, or c_str is asked for the other encoding. An unpaired
     /// surrogate comes out as U+FFFD.
-    const char* c_str(const char* encoding, int* length, conv converter, void* context) const;
+    const char* c_str(const char* encoding, int* length, conv converter, void* context) const {
+        // Inline for the most frequent call, a null name (UTF-8) whose form is cached.
+        (void)converter; // accepted and ignored
+        (void)context;
+        if (encoding != nullptr || m_narrowEncoding != kUtf8Form)
+            return narrowForm(encoding, length);
+        if (length != nullptr)
+            *length = static_cast<int>(m_narrow.size() + 1);
+        return m_narrow.c_str();
+    }
 
     /// Bytes of the internal form: 2 per UTF-16 unit.
     int size() const;
@@ -325,6 +334,11 @@ public:
     bool operator!=(const I18NString& other) const { return !(*this == other); }
 
 private:
+    // m_narrowEncoding of a cached UTF-8 form.
+    static constexpr int kUtf8Form = 0;
+    // c_str beyond a cached UTF-8 form: names an encoding, or fills the cache.
+    const char* narrowForm(const char* encoding, int* length) const;
+
     std::u16string m_units;
     mutable std::string m_narrow; // cache for c_str
     mutable int m_narrowEncoding; // what m_narrow holds; -1 while it is stale

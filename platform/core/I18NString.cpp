@@ -192,26 +192,15 @@ bool I18NString::empty() const {
     return m_units.empty();
 }
 
-// c_str beyond a cached UTF-8 form: names an encoding, or fills the cache. Out of line, so
-// that the cached case saves no registers.
-__attribute__((noinline)) static const char* narrowForm(std::string& narrow, int& narrowEncoding,
-                                                        const std::u16string& units,
-                                                        const char* encoding, int* length) {
+// Out of line, so that the cached case, inline in the header, saves no registers.
+const char* I18NString::narrowForm(const char* encoding, int* length) const {
+    static_assert(static_cast<int>(Encoding::Utf8) == kUtf8Form, "the header's test of the cache");
     const int wanted = static_cast<int>(encodingOf(encoding));
-    if (narrowEncoding != wanted) {
-        narrow =
-            wanted == static_cast<int>(Encoding::Latin1) ? encodeLatin1(units) : encodeUtf8(units);
-        narrowEncoding = wanted;
+    if (m_narrowEncoding != wanted) {
+        m_narrow = wanted == static_cast<int>(Encoding::Latin1) ? encodeLatin1(m_units)
+                                                                : encodeUtf8(m_units);
+        m_narrowEncoding = wanted;
     }
-    if (length != nullptr)
-        *length = static_cast<int>(narrow.size() + 1);
-    return narrow.c_str();
-}
-
-const char* I18NString::c_str(const char* encoding, int* length, conv, void*) const {
-    // A null name (UTF-8) whose form is cached is by far the most frequent call.
-    if (encoding != nullptr || m_narrowEncoding != static_cast<int>(Encoding::Utf8))
-        return narrowForm(m_narrow, m_narrowEncoding, m_units, encoding, length);
     if (length != nullptr)
         *length = static_cast<int>(m_narrow.size() + 1);
     return m_narrow.c_str();
