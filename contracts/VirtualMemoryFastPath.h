@@ -231,6 +231,31 @@ inline bool fastDismiss(FastTable& table, unsigned long long offset) {
     return hold.count != nullptr && fastRelease(table, hold);
 }
 
+/// The address of the live resident object at `offset`, for a look that ends before anything
+/// else is called on the store: the store is left as fastMapHeld (for writing) and then
+/// fastRelease would leave it, without the counts going up and down, so that only
+/// kFastReferenced may change. Null with nothing changed wherever that pair would decline, and the
+/// caller then maps and dismisses as usual. The address is good until the next call on the store
+/// other than fastPeek.
+inline const void* fastPeek(FastTable& table, unsigned long long offset) {
+    FastSpan* span;
+    const FastPage* entry;
+    const unsigned char* count = fastCount(table, offset, span, entry);
+    if (count == nullptr)
+        return nullptr;
+    const unsigned char c = *count;
+    if (static_cast<unsigned char>(c - kFastCountZero) >= kFastCountTable - 2 ||
+        (span->flags & (kFastWriteSlow | kFastScanUsed)) != 0)
+        return nullptr;
+    if (c == kFastCountZero && span->pinCount == 0) {
+        // The pair would pin the span and then let it go last, as fastRelease decides.
+        if ((span->flags & (kFastScan | kFastFresh)) != 0 || table.residentBytes > table.budget)
+            return nullptr;
+        span->flags |= kFastReferenced;
+    }
+    return entry->bias + offset;
+}
+
 /// Maps the object at `to` and gives back one reference on the object at `from`, as fastMap and
 /// then fastDismiss would, when both lie in one resident span and neither needs the engine;
 /// otherwise null with nothing changed, and the caller maps and dismisses as usual. Moving a

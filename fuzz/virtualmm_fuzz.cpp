@@ -183,6 +183,16 @@ private:
                 m_pool.Dismiss(item);
             }
         } else if (op == 9 || op == 10) { // rewrite, or read through a mapping for reading
+            // A look that ends before the next call needs no mapping where the fast path has it.
+            const void* seen = op == 10 && fast && (arg & 0x1000) != 0
+                                   ? tcmalloc::fastPeek(*m_table, it->first)
+                                   : nullptr;
+            if (seen != nullptr) {
+                check(holds(seen, it->second.size, it->second.seed) &&
+                          (it->second.pins == 0 || seen == it->second.pinnedAt),
+                      "wrong bytes or a moved object through a look");
+                return;
+            }
             void* address = map(it, fast, op == 9);
             if (address == nullptr)
                 return;

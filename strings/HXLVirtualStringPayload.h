@@ -63,6 +63,16 @@ public:
             releaseSlow(m_memMgr, m_offset, m_address);
     }
 
+    // The payload of `item` where it lies, when it is resident and a look at it needs nothing of
+    // the store (tcmalloc::fastPeek): good until the next call on the store. Null otherwise,
+    // with nothing changed: map it then.
+    static const char* peek(HXLVirtualMemoryMgr* memMgr, const HXLVirtualPageItem& item) {
+        const unsigned long long offset = item.getOffset();
+        if (offset == 0 || offset == HXLVirtualPageItem::kInvalidOffset)
+            return NULL;
+        return static_cast<const char*>(tcmalloc::fastPeek(*memMgr->m_fast, offset));
+    }
+
     const char* get() const { return m_address; }
     explicit operator bool() const { return m_address != NULL; }
     // Gives the mapping back now; null afterwards, also when the dismiss throws.
@@ -148,9 +158,13 @@ inline int equalPayloads(HXLVirtualMemoryMgr* memMgr, const HXLVirtualPageItem& 
 }
 
 // 1 when the payload of `item` equals the item's size's worth of `bytes`, else 0: the caller
-// has compared the sizes. Maps the payload once and gives it back.
+// has compared the sizes. Looks at a resident payload in place; maps any other once and gives
+// it back.
 inline int payloadEquals(HXLVirtualMemoryMgr* memMgr, const HXLVirtualPageItem& item,
                          const void* bytes, const char* location) {
+    // Nothing calls the store during the compare, so a resident payload is read where it lies.
+    if (const char* resident = MappedPayload::peek(memMgr, item))
+        return sameBytes(resident, bytes, item.getSize()) ? 1 : 0;
     const MappedPayload payload(memMgr, item, location);
     return payload && sameBytes(payload.get(), bytes, item.getSize()) ? 1 : 0;
 }

@@ -82,13 +82,13 @@
 //      of a paged-out span's pages have no hot block and hold its record; all others are null. The
 //      hot block's copy of the span's geometry equals the record's, and its kFastWriteSlow bit is
 //      set exactly in the states printed and exact.
-//  15. The inline routines (fastMap, fastDismiss, fastMove) change only slot bytes, the pin
-//      count, kFastReferenced and the table's counts, exactly as the plain calls would in the
-//      same case; they decline every case where the plain call does more: a free slot, a count
-//      at the table, a first pin of a used scan span, a write mapping that changes the copy
-//      state, and the last unpin of a fresh or scan span or of a store over its budget. The
-//      plain calls never use them, so callers that take the fast path and callers that do not
-//      meet the same store.
+//  15. The inline routines (fastMap, fastDismiss, fastMove, fastPeek) change only slot bytes,
+//      the pin count, kFastReferenced and the table's counts, exactly as the plain calls would
+//      in the same case (fastPeek as a GetAddress and a Dismiss with nothing between); they
+//      decline every case where the plain call does more: a free slot, a count at the table, a
+//      first pin of a used scan span, a write mapping that changes the copy state, and the last
+//      unpin of a fresh or scan span or of a store over its budget. The plain calls never use
+//      them, so callers that take the fast path and callers that do not meet the same store.
 //  16. A class's emptied span stays on its non-full list while it is resident, up to
 //      kKeptEmptySpans of them per class, so that allocation and deallocation in bursts reuse
 //      spans instead of making and releasing them. Kept spans count against the budget like any
