@@ -28,13 +28,18 @@ inline bool readablePayload(HXLVirtualMemoryMgr* memMgr, const HXLVirtualPageIte
            item.getSize() <= static_cast<unsigned int>(INT_MAX);
 }
 
+// Whether an item's offset may name a payload: neither 0 (empty) nor kInvalidOffset.
+inline bool namesPayload(unsigned long long offset) {
+    return offset != 0 && offset != HXLVirtualPageItem::kInvalidOffset;
+}
+
 // The address of a payload with one reference taken, null (none taken) for an item that names
 // nothing: empty or kInvalidOffset. A live payload that the store cannot map throws
 // HXLOutOfMemoryError with `location` as the frame's function: it never reads as no payload.
 inline void* mapPayload(HXLVirtualMemoryMgr* memMgr, const HXLVirtualPageItem& item,
                         const char* location) {
     const unsigned long long offset = item.getOffset();
-    if (offset == 0 || offset == HXLVirtualPageItem::kInvalidOffset)
+    if (!namesPayload(offset))
         return NULL;
     return hxl_translated::required(memMgr->getAddress(offset, 1), location);
 }
@@ -48,7 +53,7 @@ public:
     MappedPayload(HXLVirtualMemoryMgr* memMgr, const HXLVirtualPageItem& item, const char* location)
         : m_memMgr(memMgr), m_offset(item.getOffset()), m_address(NULL) {
         m_hold.count = NULL;
-        if (m_offset == 0 || m_offset == HXLVirtualPageItem::kInvalidOffset)
+        if (!namesPayload(m_offset))
             return;
         m_address = static_cast<const char*>(
             tcmalloc::fastMapHeld(*memMgr->m_fast, m_offset, true, m_hold));
@@ -67,10 +72,8 @@ public:
     // the store (tcmalloc::fastPeek): good until the next call on the store. Null otherwise,
     // with nothing changed: map it then.
     static const char* peek(HXLVirtualMemoryMgr* memMgr, const HXLVirtualPageItem& item) {
-        const unsigned long long offset = item.getOffset();
-        if (offset == 0 || offset == HXLVirtualPageItem::kInvalidOffset)
-            return NULL;
-        return static_cast<const char*>(tcmalloc::fastPeek(*memMgr->m_fast, offset));
+        // 0 and kInvalidOffset name no resident object: the fast path declines them itself.
+        return static_cast<const char*>(tcmalloc::fastPeek(*memMgr->m_fast, item.getOffset()));
     }
 
     const char* get() const { return m_address; }

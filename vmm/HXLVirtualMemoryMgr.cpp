@@ -12,10 +12,6 @@
 namespace {
 const unsigned int kDefaultStoreSize = 0x400000;
 
-bool isLive(unsigned long long offset) {
-    return offset != 0 && offset != HXLVirtualPageItem::kInvalidOffset;
-}
-
 // Stands for the fast path of a store that offers none: it maps no page, so every inline call
 // goes on to the store, and nothing ever writes to it.
 tcmalloc::FastTable g_noFastPath{};

@@ -101,7 +101,7 @@ public:
         // Inline, as alloc; the store counts misuse where the manager can see it.
         tcmalloc::PageItem record;
         record.offset = item.getOffset();
-        if (record.offset == 0 || record.offset == HXLVirtualPageItem::kInvalidOffset)
+        if (!isLive(record.offset))
             return;
         const unsigned long long misuses = m_fast->misuses;
         m_pool->Deallocate(record);
@@ -193,6 +193,10 @@ private:
     friend class hxl_string_detail::MappedPayload;
     // The fast path of `memMgr`, or the empty table when it is null.
     static tcmalloc::FastTable* fastPathOf(HXLVirtualMemoryMgr* memMgr);
+    // Whether an offset may name an object: neither 0 (empty) nor kInvalidOffset (a root).
+    static bool isLive(unsigned long long offset) {
+        return offset != 0 && offset != HXLVirtualPageItem::kInvalidOffset;
+    }
 
     void initialize(unsigned int storeSize);
     // alloc on an item that names an object already: a smaller size shrinks it in place, any

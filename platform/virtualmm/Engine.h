@@ -287,9 +287,6 @@ public:
         for (const Chunk& chunk : m_chunks)
             unmapReserved(chunk.memory, chunk.bytes);
     }
-    static std::size_t rounded(std::size_t bytes) {
-        return (bytes + Granule - 1) / Granule * Granule;
-    }
     void* take(std::size_t bytes) {
         const std::size_t units = (bytes + Granule - 1) / Granule;
         if (void* record = m_free[units]) {
@@ -676,8 +673,8 @@ private:
     // In the engine itself rather than behind a pointer: an allocation finds its class with one
     // load fewer.
     SizeClass m_classes[kClassCount] = {};
-    unsigned short m_classOfGranules[kMaxSmallSize / kClassGranule + 1] = {}; // (size + 15) / 16
-                                                                              // -> class index
+    // (size + 15) / 16 -> class index
+    unsigned short m_classOfGranules[kMaxSmallSize / kClassGranule + 1] = {};
     ExtentAllocator m_pageNumbers{1};
     PageFile m_file;
     RecordArena<8, 256> m_records;

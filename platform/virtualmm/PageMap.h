@@ -30,16 +30,16 @@ public:
     std::size_t size() const { return static_cast<std::size_t>(m_table->pageCount); }
     std::size_t capacity() const { return m_capacity; }
     // The entries follow the table: found from its address, without loading `pages`.
-    FastPage* data() { return reinterpret_cast<FastPage*>(m_table + 1); }
-    FastPage& operator[](std::size_t page) { return data()[page]; }
-    const FastPage& operator[](std::size_t page) const {
-        return reinterpret_cast<const FastPage*>(m_table + 1)[page];
-    }
+    FastPage* data() { return entries(); }
+    FastPage& operator[](std::size_t page) { return entries()[page]; }
+    const FastPage& operator[](std::size_t page) const { return entries()[page]; }
     // Makes the map `pages` entries long; new entries are null, and entries given up are made
     // null (rule G2). False, with the map as it was, beyond the capacity.
     bool resize(std::size_t pages);
 
 private:
+    FastPage* entries() const { return reinterpret_cast<FastPage*>(m_table + 1); }
+
     FastTable* m_table;
     std::size_t m_capacity;
     std::size_t m_bytes; // of the mapping; 0 when the block came from the heap

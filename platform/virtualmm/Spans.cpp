@@ -30,9 +30,9 @@ VirtualMemoryPool::Engine::Engine(unsigned long long budget, const char* path)
         for (unsigned bit = 0; bit < 8; ++bit)
             m_spreadBits[bits] |= static_cast<unsigned long long>((bits >> bit) & 1) << (8 * bit);
     m_table.layout = FastTable::kFastLayout;
-    // Classes as nextClassSize steps them, from 16 bytes to 8 KiB. Each class
-    // takes the shortest span (1 to 8 pages) that wastes at most an eighth of itself: short
-    // spans make paging fine-grained.
+    // Classes as nextClassSize steps them, from 16 bytes to 8 KiB. Each class takes the shortest
+    // span (1 to 8 pages) that wastes at most an eighth of itself: short spans make paging
+    // fine-grained.
     unsigned classIndex = 0;
     for (unsigned size = kClassGranule; size <= kMaxSmallSize; size = nextClassSize(size)) {
         unsigned bestPages = kMaxSpanPages;
