@@ -35,10 +35,10 @@ const unsigned char kFastCountTable = 255; ///< the count (254 or more) is kept 
 
 /// Bits of FastSpan::flags.
 enum FastSpanFlag : unsigned char {
-    kFastReferenced = 1, ///< released since the engine's clock hand last passed the span
-    kFastScan = 2,       ///< read in file order, not used twice since
-    kFastScanUsed = 4,   ///< a scan span pinned and released once: its next pin is the engine's
-    kFastFresh = 8,      ///< came in and not released since: its first release is the engine's
+    kFastReferenced = 1, ///< a count went to 0 since the engine's clock hand last passed the span
+    kFastScan = 2,     ///< read in file order, not used twice since: releases to 0 are the engine's
+    kFastScanUsed = 4, ///< a scan span pinned and released once: its next pin is the engine's
+    kFastFresh = 8,    ///< new and not unpinned since: its releases to 0 are the engine's
     kFastWriteSlow = 16, ///< mapping for writing changes the span's copy state: the engine's
 };
 
@@ -47,14 +47,15 @@ enum FastSpanFlag : unsigned char {
 ///
 /// The slot counts follow the 32-byte head in the same block: counts()[slot], for every slot
 /// index that an offset inside the span can give (indices past the last slot read
-/// kFastFreeSlot). Byte offsets in the comments.
+/// kFastFreeSlot). The span is pinned while any of its counts is above 0; no count of pins is
+/// kept, so that a hit writes its own count byte and nothing that every hit shares. Byte offsets
+/// in the comments.
 struct FastSpan {
     unsigned long long base;    ///< 0: the offset of the span's first byte
     unsigned long long divisor; ///< 8: ceil(2^64 / slot size); 1 for a span of one large object
-    unsigned short pinCount;    ///< 16: objects of the span whose count is above 0
-    unsigned char flags;        ///< 18: FastSpanFlag bits
-    unsigned char reserved;     ///< 19
-    unsigned pageCount;         ///< 20: pages of the span
+    unsigned pageCount;         ///< 16: pages of the span
+    unsigned char flags;        ///< 20: FastSpanFlag bits
+    unsigned char reserved[3];  ///< 21
     void* owner;                ///< 24: the engine's own record of the span
 
     /// The slot counts, one byte per slot, behind the head.
@@ -63,8 +64,8 @@ struct FastSpan {
     static constexpr std::size_t kCountsOffset = 32;
 };
 static_assert(offsetof(FastSpan, divisor) == 8, "hot block layout");
-static_assert(offsetof(FastSpan, pinCount) == 16, "hot block layout");
-static_assert(offsetof(FastSpan, flags) == 18, "hot block layout");
+static_assert(offsetof(FastSpan, pageCount) == 16, "hot block layout");
+static_assert(offsetof(FastSpan, flags) == 20, "hot block layout");
 static_assert(offsetof(FastSpan, owner) == 24, "hot block layout");
 static_assert(sizeof(FastSpan) == FastSpan::kCountsOffset, "hot block layout");
 
@@ -99,19 +100,17 @@ static_assert(sizeof(FastPage) == 16, "page entry layout");
 /// The page entries follow it in memory (`pages` is `this + 1`) and never move; the entries
 /// from `pageCount` up to any page number the engine can hand out read as null.
 ///
-/// The engine keeps its own counts here, so that the routines below keep them exact. Events are
-/// counted apart, so that a hit adds to counters of its own instead of moving one count up and
-/// down (each would wait for the other's store): objects with a count above 0 are firstPins -
-/// lastUnpins, pinned spans spanPins - spanUnpins. Byte offsets in the comments.
+/// A hit reads the first line and writes nothing in it but `released`, with a plain store: no
+/// counter that every hit would move up and down. Byte offsets in the comments.
 struct alignas(64) FastTable {
     FastPage* pages;                  ///< 0: entries by page number (page = offset >> 13): this + 1
     unsigned long long pageCount;     ///< 8: entries in `pages`
-    unsigned long long firstPins;     ///< 16: counts that went from 0 to 1
-    unsigned long long lastUnpins;    ///< 24: counts that went from 1 to 0
-    unsigned long long spanPins;      ///< 32: pin counts of spans that went from 0 to 1
-    unsigned long long spanUnpins;    ///< 40: pin counts of spans that went from 1 to 0
-    unsigned long long residentBytes; ///< 48: bytes of resident spans
-    unsigned long long budget;        ///< 56: the resident budget in bytes
+    unsigned long long residentBytes; ///< 16: bytes of resident spans
+    unsigned long long budget;        ///< 24: the resident budget in bytes
+    /// 32: set to 1 whenever a count goes to 0; the engine clears it when it sweeps, so that a
+    /// sweep that found every span pinned is not repeated until something was let go.
+    unsigned long long released;
+    unsigned long long reserved0[3]; ///< 40
     /// 64: misuse seen since the store was made.
     ///
     /// Misuse is what the plain calls met and answered by doing nothing: a Dismiss of an object
@@ -126,10 +125,10 @@ struct alignas(64) FastTable {
     /// A page number is an offset shifted right by this: pages of 8 KiB.
     static constexpr unsigned kPageShift = 13;
     /// The version of this layout, which `layout` holds.
-    static constexpr unsigned kFastLayout = 2;
+    static constexpr unsigned kFastLayout = 3;
 };
-static_assert(offsetof(FastTable, firstPins) == 16, "fast table layout");
-static_assert(offsetof(FastTable, budget) == 56, "fast table layout: what a hit reads, one line");
+static_assert(offsetof(FastTable, residentBytes) == 16, "fast table layout");
+static_assert(offsetof(FastTable, released) == 32, "fast table layout: what a hit reads, one line");
 static_assert(offsetof(FastTable, misuses) == 64, "fast table layout");
 static_assert(offsetof(FastTable, layout) == 80, "fast table layout");
 
@@ -181,11 +180,6 @@ inline void* fastMapHeld(FastTable& table, unsigned long long offset, bool forWr
     if ((span->flags & slow) != 0)
         return nullptr;
     *count = static_cast<unsigned char>(c + 1);
-    if (c == kFastCountZero) {
-        ++table.firstPins;
-        if (span->pinCount++ == 0)
-            ++table.spanPins;
-    }
     hold.count = count;
     return entry->bias + offset;
 }
@@ -206,16 +200,13 @@ inline bool fastRelease(FastTable& table, const FastHold& hold) {
     if (static_cast<unsigned char>(c - (kFastCountZero + 1)) >= kFastCountTable - 2)
         return false;
     if (c == kFastCountZero + 1) {
-        if (span->pinCount == 1) {
-            // The span's last pin: the engine decides when it came in lately, is on the scan
-            // queue, or the store is over its budget.
-            if ((span->flags & (kFastScan | kFastFresh)) != 0 || table.residentBytes > table.budget)
-                return false;
-            span->flags |= kFastReferenced;
-            ++table.spanUnpins;
-        }
-        --span->pinCount;
-        ++table.lastUnpins;
+        // The count goes to 0 and may unpin the span: the engine decides when the span is new
+        // or on the scan queue, or the store is over its budget.
+        const unsigned char flags = span->flags;
+        if ((flags & (kFastScan | kFastFresh)) != 0 || table.residentBytes > table.budget)
+            return false;
+        span->flags = flags | kFastReferenced;
+        table.released = 1;
     }
     *hold.count = static_cast<unsigned char>(c - 1);
     return true;
@@ -234,7 +225,8 @@ inline bool fastDismiss(FastTable& table, unsigned long long offset) {
 /// The address of the live resident object at `offset`, for a look that ends before anything
 /// else is called on the store: the store is left as fastMapHeld (for writing) and then
 /// fastRelease would leave it, without the counts going up and down, so that only
-/// kFastReferenced may change. Null with nothing changed wherever that pair would decline, and the
+/// kFastReferenced and `released` may change. Null with nothing changed wherever that pair would
+/// decline, and the
 /// caller then maps and dismisses as usual. The address is good until the next call on the store
 /// other than fastPeek.
 inline const void* fastPeek(FastTable& table, unsigned long long offset) {
@@ -247,20 +239,22 @@ inline const void* fastPeek(FastTable& table, unsigned long long offset) {
     if (static_cast<unsigned char>(c - kFastCountZero) >= kFastCountTable - 2 ||
         (span->flags & (kFastWriteSlow | kFastScanUsed)) != 0)
         return nullptr;
-    if (c == kFastCountZero && span->pinCount == 0) {
-        // The pair would pin the span and then let it go last, as fastRelease decides.
+    if (c == kFastCountZero) {
+        // The pair would take the count back to 0, as fastRelease decides.
         if ((span->flags & (kFastScan | kFastFresh)) != 0 || table.residentBytes > table.budget)
             return nullptr;
         span->flags |= kFastReferenced;
+        table.released = 1;
     }
     return entry->bias + offset;
 }
 
 /// Maps the object at `to` and gives back one reference on the object at `from`, as fastMap and
 /// then fastDismiss would, when both lie in one resident span and neither needs the engine;
-/// otherwise null with nothing changed, and the caller maps and dismisses as usual. Moving a
-/// reference along a list this way changes no count of the table: while `from` is held the
-/// span stays pinned throughout.
+/// otherwise null with nothing changed, and the caller maps and dismisses as usual. While
+/// `from` is held the span stays pinned throughout, so a count of `from` that goes to 0 unpins
+/// nothing: it needs no decision of the engine, and kFastReferenced and `released` are left
+/// for the release that unpins the span to set.
 inline void* fastMove(FastTable& table, unsigned long long from, unsigned long long to,
                       bool forWriting) {
     FastSpan* span;
@@ -277,7 +271,7 @@ inline void* fastMove(FastTable& table, unsigned long long from, unsigned long l
     const unsigned char t = *toCount;
     const unsigned char f = *fromCount;
     // `to` must be live with a count the byte holds, `from` held; a held `from` keeps the span
-    // pinned, so no first pin or last unpin happens here (and kFastScanUsed cannot be set).
+    // pinned, so kFastScanUsed cannot be set.
     if (static_cast<unsigned char>(t - kFastCountZero) >= kFastCountTable - 2 ||
         static_cast<unsigned char>(f - (kFastCountZero + 1)) >= kFastCountTable - 2 ||
         (forWriting && (span->flags & kFastWriteSlow) != 0))
@@ -285,16 +279,6 @@ inline void* fastMove(FastTable& table, unsigned long long from, unsigned long l
     if (toCount != fromCount) {
         *toCount = static_cast<unsigned char>(t + 1);
         *fromCount = static_cast<unsigned char>(f - 1);
-        // A walk pins `to` anew and lets `from` go: the span's pins stay as they were.
-        if (t == kFastCountZero) {
-            if (f != kFastCountZero + 1) {
-                ++table.firstPins;
-                ++span->pinCount;
-            }
-        } else if (f == kFastCountZero + 1) {
-            ++table.lastUnpins;
-            --span->pinCount;
-        }
     }
     return entry->bias + to;
 }

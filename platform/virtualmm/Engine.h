@@ -19,8 +19,9 @@
 //               page of a paged-out span the hot block is null and the first field holds the
 //               record. No hashing, no search.
 //   hot block   what a hit reads and writes, 64-byte aligned and only while the span is
-//               resident (FastSpan): pin count, hit flags, slot divisor, and the slot bytes,
-//               the first 32 of them in the same cache line.
+//               resident (FastSpan): hit flags, slot divisor, and the slot bytes, the first 32
+//               of them in the same cache line. A hit writes its own slot byte and, when the
+//               count goes to 0, the flags; nothing that every hit shares.
 //   span record what the engine keeps of a span in or out of memory (the cold part: ring,
 //               class links, file slot, fingerprint, state) and one bit per slot (the live
 //               bitmap): 88 bytes and the bitmap. A paged-out span costs nothing else: a
@@ -29,7 +30,9 @@
 //               reference count; 255 means "look in the overflow table", which holds counts
 //               from 254 up. A resident span's liveness is read from its slot bytes, so the
 //               hit path does not touch the live bitmap.
-//   pinned      a span with at least one object whose reference count is above 0.
+//   pinned      a span with at least one object whose reference count is above 0, read from
+//               its slot bytes when the engine needs to know (pinned()); no count of pins is
+//               kept, so that a hit does not move one up and down.
 //   clock ring  every resident span, in a circle. A hand sweeps it when room is needed: a
 //               pinned span is passed over, a span released since the hand last passed it
 //               (its referenced bit) gets a second chance, any other span leaves memory.
@@ -40,8 +43,9 @@
 //
 // Design rules
 //   1. A pinned span is resident and never moves; only unpinned spans leave memory.
-//   2. The clock ring holds exactly the resident spans; unpinnedResident() counts those of them
-//      that are not pinned, so a sweep knows when nothing can be evicted.
+//   2. The clock ring holds exactly the resident spans. A sweep goes at most two laps; one that
+//      runs out of them found every span pinned, and the next sweep is skipped until the
+//      table's `released` says that a count went to 0 or spans were read ahead since.
 //   3. residentBytes is the sum of the sizes of resident spans. After any call returns it is at
 //      most the budget, plus what pinned spans hold, plus spans whose page-out failed.
 //   4. A span leaves memory without a write when its copy is exact, or when it is maybe stale
@@ -52,8 +56,8 @@
 //      a span that goes out again is written over its own slot.
 //   6. The page map covers exactly the pages of live spans; released page numbers and file
 //      slots go back to their extent allocators and are reused.
-//   7. outstandingObjects() counts the objects whose reference count is above 0; it changes
-//      only when a count moves between 0 and 1.
+//   7. Every object whose reference count is above 0 lies in a resident span (rule 1), so
+//      GetOutstandingReferences reads them from the slot bytes of the ring's spans.
 //   8. An I/O failure never changes an object's bytes or frees one: a failed write leaves the
 //      span resident (with no copy, since its slot may now hold half of it); a failed or
 //      damaged read leaves it paged out with its slot and fingerprint intact.
@@ -72,23 +76,25 @@
 //      the budget cycles through its own few spans and leaves the rest of memory alone. A
 //      resident span marked as such (kFastScan) always has its current entry in the queue.
 //  13. In a full store (within two batches' worth of its budget: the sweep leaves it one batch
-//      below) the first release of a new span takes its fingerprint while its bytes are still
-//      in cache, and keeps it (state kPrinted) until the span is mapped for writing again, so
-//      the sweep writes it without reading its bytes twice. A span read back is printed only
-//      where rule 4 needs it, at its eviction after a write mapping: it costs at most two
-//      prints per stay in memory, the check at page-in and that one.
+//      below) the release that first unpins a span made there (kFastFresh) takes its
+//      fingerprint while its bytes are still in cache, and keeps it (state kPrinted) until the span
+//      is mapped for writing again, so the sweep writes it without reading its bytes twice. A span
+//      read back is printed only where rule 4 needs it, at its eviction after a write mapping: it
+//      costs at most two prints per stay in memory, the check at page-in and that one.
 //  14. A span is resident exactly when it has memory and a hot block; then every page map
 //      entry of its pages names that block with bias memory - first page * 8192. The entries
 //      of a paged-out span's pages have no hot block and hold its record; all others are null. The
 //      hot block's copy of the span's geometry equals the record's, and its kFastWriteSlow bit is
 //      set exactly in the states printed and exact.
 //  15. The inline routines (fastMap, fastDismiss, fastMove, fastPeek) change only slot bytes,
-//      the pin count, kFastReferenced and the table's counts, exactly as the plain calls would
-//      in the same case (fastPeek as a GetAddress and a Dismiss with nothing between); they
-//      decline every case where the plain call does more: a free slot, a count at the table, a
-//      first pin of a used scan span, a write mapping that changes the copy state, and the last
-//      unpin of a fresh or scan span or of a store over its budget. The plain calls never use
-//      them, so callers that take the fast path and callers that do not meet the same store.
+//      kFastReferenced and the table's `released`, exactly as the plain calls would in the same
+//      case (fastPeek as a GetAddress and a Dismiss with nothing between), except that fastMove,
+//      which cannot unpin its span, leaves the last two to the release that does. They decline
+//      every case where the plain call does more: a free slot, a count at the table, a pin of a
+//      used scan span, a write mapping that changes the copy state, and a count that goes to 0
+//      in a fresh or scan span or in a store over its budget, where the engine asks whether the
+//      span is now unpinned. The plain calls never use them, so callers that take the fast path
+//      and callers that do not meet the same store.
 //  16. A class's emptied span stays on its non-full list while it is resident, up to
 //      kKeptEmptySpans of them per class, so that allocation and deallocation in bursts reuse
 //      spans instead of making and releasing them. Kept spans count against the budget like any
@@ -104,8 +110,8 @@
 //      one mapped for writing meanwhile is not written, one the sweep reaches becomes an
 //      ordinary victim, one released leaves the batch.
 //
-// Span states (the record's `state`; pinned is a resident state with a pin count above 0 and
-// keeps it) and the functions that move a span between them; every move goes through
+// Span states (the record's `state`; pinned is a resident state with a slot count above 0
+// and keeps it) and the functions that move a span between them; every move goes through
 // setState, which keeps the hot block's kFastWriteSlow bit:
 //
 //   state       entered by                                left by
@@ -223,7 +229,6 @@ struct Span {
     bool resident() const { return state != kPagedOut; }
     unsigned char* counts() const { return hot->counts(); }
     unsigned char& hotFlags() const { return hot->flags; }
-    unsigned short& pins() const { return hot->pinCount; }
     unsigned long long bytes() const {
         return static_cast<unsigned long long>(pageCount) << kPageShift;
     }
@@ -590,6 +595,8 @@ private:
     unsigned countOf(const Span* span, unsigned slot) const;
     // What a sweep frees beyond what it must (rule 10).
     unsigned long long spare() const { return std::min(kIoRunBytes, m_table.budget / 16); }
+    // A full store in the sense of rule 13: within two batches' worth of its budget.
+    bool nearlyFull() const { return m_table.residentBytes + 2 * spare() >= m_table.budget; }
     // Whether a scan queue entry still names the span as it came in.
     bool isCurrent(const ScanEntry& entry) const {
         return entry.firstPage < m_fastPages.size() && recordAt(entry.firstPage) == entry.span &&
@@ -643,7 +650,6 @@ private:
     void spanUnpinned(Span* span);
     void takePrint(Span* span);
     void mappedForWriting(Span* span);
-    bool endPins(Span* span, unsigned slot);
     // allocate, whatever the class's spans are like: the general case.
     HXL_VMM_COLD void* allocateSlow(unsigned long long size, PageItem& item);
     static unsigned lowestFreeSlot(const Span* span);
@@ -657,11 +663,21 @@ private:
     void nonFullRemove(Span* span);
     void checkSpan(const Span* span) const;
 
-    // Objects whose count is above 0 (rule 7), and resident spans with no pinned object (rule
-    // 2), from the table's event counts.
-    unsigned long long outstandingObjects() const { return m_table.firstPins - m_table.lastUnpins; }
-    unsigned long long unpinnedResident() const {
-        return m_ring.size() - (m_table.spanPins - m_table.spanUnpins);
+    // Whether the resident span holds an object whose count is above 0 (rule 1): a slot byte
+    // above kCountZero, that is with a bit above the lowest. The slot bytes of a class run to
+    // a whole number of words, and those past the last slot are free.
+    bool pinned(const Span* span) const {
+        const unsigned char* counts = span->counts();
+        if (span->classIndex == kLargeClass)
+            return counts[0] > kCountZero;
+        const unsigned words = m_classes[span->classIndex].countBytes / 8;
+        for (unsigned word = 0; word < words; ++word) {
+            unsigned long long bytes;
+            std::memcpy(&bytes, counts + 8 * word, 8);
+            if ((bytes & 0xFEFEFEFEFEFEFEFEULL) != 0)
+                return true;
+        }
+        return false;
     }
 
     // The page map, with the published table (VirtualMemoryFastPath.h) in front of it: the
@@ -688,6 +704,9 @@ private:
     std::vector<FastSpan*> m_hots; // scratch for read-ahead: the runs' hot blocks
     ScanQueue m_scanQueue;
     unsigned m_nextSequential = kNoSlot; // file page just behind the last span read
+    // The last sweep found every resident span pinned; until a count goes to 0 (the table's
+    // `released`) another would find the same (rule 2).
+    bool m_allPinned = false;
     EngineCounts m_counts;
 };
 

@@ -13,10 +13,13 @@ namespace tcmalloc {
 bool VirtualMemoryPool::Engine::makeRoom(unsigned long long incoming) {
     if (m_table.residentBytes + incoming <= m_table.budget)
         return true;
+    if (m_table.released != 0) { // something may have been let go since the last sweep
+        m_table.released = 0;
+        m_allPinned = false;
+    }
     const unsigned long long goal = m_table.budget - spare();
     auto needMore = [&] {
-        return m_table.residentBytes - m_batch.leavingBytes() + incoming > goal &&
-               unpinnedResident() > m_batch.leavingSpans();
+        return m_table.residentBytes - m_batch.leavingBytes() + incoming > goal;
     };
     // A span in the batch to be written behind leaves memory with it instead (rule 18).
     auto choose = [&](Span* span) {
@@ -31,12 +34,19 @@ bool VirtualMemoryPool::Engine::makeRoom(unsigned long long incoming) {
         if (!isCurrent(entry) || !span->resident() || (span->hotFlags() & kFastScan) == 0)
             continue; // stale
         span->hotFlags() &= static_cast<unsigned char>(~(kFastScan | kFastScanUsed));
-        if (span->pins() == 0 && !chosen(span) && !choose(span))
+        if (!pinned(span) && !chosen(span) && !choose(span))
             return false;
     }
-    while (needMore()) {
+    // Two laps pass every span twice, so that one with its referenced bit is taken on the
+    // second; a sweep that runs out of them has found every other span pinned (rule 2).
+    bool lapsRun = false;
+    for (unsigned long long visits = m_allPinned ? 0 : 2 * m_ring.size(); needMore(); --visits) {
+        if (visits == 0 || m_ring.size() == 0) {
+            lapsRun = true;
+            break;
+        }
         Span* span = m_ring.advance();
-        if (span->pins() > 0 || chosen(span))
+        if (pinned(span) || chosen(span))
             continue;
         if ((span->hotFlags() & kFastReferenced) != 0) {
             span->hotFlags() &= static_cast<unsigned char>(~kFastReferenced);
@@ -45,7 +55,10 @@ bool VirtualMemoryPool::Engine::makeRoom(unsigned long long incoming) {
         if (!choose(span))
             return false;
     }
-    return flushBatch();
+    if (!flushBatch())
+        return false;
+    m_allPinned = m_allPinned || lapsRun;
+    return true;
 }
 
 // The unpinned span leaves memory: at once when its copy is exact or its bytes unchanged
@@ -168,6 +181,8 @@ bool VirtualMemoryPool::Engine::pageIn(Span* span) {
         becomeResident(member, memory, m_hots[i], kExact);
         ++m_counts.pageReads;
         ok |= member == span;
+        if (member != span) // read ahead: resident and unpinned, a span the sweep may take
+            m_table.released = 1;
         if (sequential)
             queueForScan(member);
     }
@@ -247,7 +262,7 @@ void VirtualMemoryPool::Engine::queueForScan(Span* span) {
 // read them again.
 void VirtualMemoryPool::Engine::takePrint(Span* span) {
     span->hotFlags() &= static_cast<unsigned char>(~kFastFresh);
-    if (span->state == kExact || m_table.residentBytes + 2 * spare() < m_table.budget)
+    if (span->state == kExact || !nearlyFull())
         return;
     const unsigned long long print = fingerprint(span->memory, span->bytes());
     if (span->state == kMaybe && print == span->fingerprint) {

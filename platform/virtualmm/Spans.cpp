@@ -45,8 +45,10 @@ VirtualMemoryPool::Engine::Engine(unsigned long long budget, const char* path)
         }
         const unsigned slots = static_cast<unsigned>(bestPages * kPageSize / size);
         // An offset inside the span gives a slot index up to (bytes - 1) / size: the indices
-        // past the last slot have bytes of their own, always free, so a hit needs no bound.
-        const unsigned countBytes = static_cast<unsigned>((bestPages * kPageSize - 1) / size + 1);
+        // past the last slot have bytes of their own, always free, so a hit needs no bound. A
+        // whole number of words, which the live bitmap is spread into and `pinned` reads.
+        const unsigned indices = static_cast<unsigned>((bestPages * kPageSize - 1) / size + 1);
+        const unsigned countBytes = (indices + 7) / 8 * 8;
         m_classes[classIndex++] =
             SizeClass{size, bestPages, slots,  (slots + 63) / 64, countBytes, ~0ULL / size + 1, 0,
                       0,    0,         nullptr};
@@ -99,7 +101,9 @@ void VirtualMemoryPool::Engine::becomeResident(Span* span, char* memory, FastSpa
     hot->divisor = divisorOf(span);
     hot->pageCount = span->pageCount;
     hot->owner = span;
-    hot->flags = state == kNoCopy ? kFastFresh : 0; // rule 13: a new span's first release
+    // Rule 13: the first release of a span made in a full store takes its print. Elsewhere a
+    // new span is marked for nothing, so that its releases stay on the fast path.
+    hot->flags = state == kNoCopy && nearlyFull() ? kFastFresh : 0;
     // The slot bytes from the live bitmap, eight at a time: 1 (count 0) for a live slot, 0 for
     // a free one. Bits past the last slot are 0, and the block is rounded up to 64 bytes, so
     // whole groups of eight fit.
@@ -119,8 +123,6 @@ void VirtualMemoryPool::Engine::becomeResident(Span* span, char* memory, FastSpa
 
 void VirtualMemoryPool::Engine::leaveMemory(Span* span) {
     m_ring.remove(span);
-    if (span->pins() != 0)
-        ++m_table.spanUnpins; // a pinned large object's span released by its deallocation
     m_table.residentBytes -= span->bytes();
     mapPages(span, nullptr, reinterpret_cast<char*>(span)); // rule 14: the record stays found
     m_memory.give(span->memory, span->pageCount);
@@ -247,7 +249,7 @@ void VirtualMemoryPool::Engine::nonFullRemove(Span* span) {
 void VirtualMemoryPool::Engine::checkSpan(const Span* span) const {
     const unsigned slots = slotCount(span);
     const unsigned long long base = span->baseOffset();
-    unsigned live = 0, pinned = 0;
+    unsigned live = 0, pinnedSlots = 0;
     for (unsigned word = 0; word < bitmapWords(span); ++word)
         live += static_cast<unsigned>(__builtin_popcountll(span->live()[word]));
     VMM_CHECK(live == span->liveCount, base);
@@ -264,7 +266,7 @@ void VirtualMemoryPool::Engine::checkSpan(const Span* span) const {
         VMM_CHECK(((hot->flags & kFastWriteSlow) != 0) ==
                       (span->state == kPrinted || span->state == kExact),
                   base);
-        VMM_CHECK((hot->flags & kFastScanUsed) == 0 || hot->pinCount == 0, base);
+        VMM_CHECK((hot->flags & kFastScanUsed) == 0 || !pinned(span), base); // rule 12
         for (unsigned i = 0; i < span->pageCount; ++i) {
             const FastPage& entry = m_fastPages[span->firstPage + i];
             VMM_CHECK(entry.span == hot && entry.bias == span->memory - base, base + i);
@@ -275,13 +277,13 @@ void VirtualMemoryPool::Engine::checkSpan(const Span* span) const {
             VMM_CHECK(counts[slot] != kCountInTable ||
                           m_bigCounts.count(slotOffset(span, slot)) == 1,
                       slotOffset(span, slot));
-            pinned += counts[slot] > kCountZero;
+            pinnedSlots += counts[slot] > kCountZero;
         }
         const std::size_t countBytes = hotBytes(span->classIndex) - FastSpan::kCountsOffset;
         for (std::size_t index = slots; index < countBytes; ++index)
-            VMM_CHECK(counts[index] == kFreeSlot, base); // past the last slot: never live
-        VMM_CHECK(pinned == hot->pinCount, base);        // rule 1
-    } else {                                             // rule 9
+            VMM_CHECK(counts[index] == kFreeSlot, base);     // past the last slot: never live
+        VMM_CHECK((pinnedSlots != 0) == pinned(span), base); // rule 1
+    } else {                                                 // rule 9
         VMM_CHECK(span->memory == nullptr && span->hot == nullptr, base);
         VMM_CHECK(span->ringNext == nullptr && span->fileSlot != kNoSlot, base);
         for (unsigned i = 0; i < span->pageCount; ++i) {
@@ -306,7 +308,7 @@ void VirtualMemoryPool::Engine::checkSpan(const Span* span) const {
 }
 
 void VirtualMemoryPool::Engine::verify() const {
-    unsigned long long resident = 0, outstanding = 0, objects = 0, bigCounts = 0, batched = 0;
+    unsigned long long resident = 0, objects = 0, bigCounts = 0, batched = 0;
     unsigned long long pagesMapped = 0, filePages = 0, slots = 0, arenaPages = 0;
     VMM_CHECK(m_table.pages == reinterpret_cast<const FastPage*>(&m_table + 1) &&
                   m_table.pageCount == m_fastPages.size(),
@@ -332,10 +334,8 @@ void VirtualMemoryPool::Engine::verify() const {
             resident += span->bytes();
             if (m_memory.inArena(span->memory))
                 arenaPages += span->pageCount;
-            for (unsigned slot = 0; slot < slotCount(span); ++slot) {
-                outstanding += span->counts()[slot] > kCountZero;
+            for (unsigned slot = 0; slot < slotCount(span); ++slot)
                 bigCounts += span->counts()[slot] == kCountInTable;
-            }
         }
         if (span->fileSlot != kNoSlot) {
             filePages += span->pageCount;
@@ -355,7 +355,8 @@ void VirtualMemoryPool::Engine::verify() const {
         VMM_CHECK(emptySpans[index] == m_classes[index].emptySpans, index);
         VMM_CHECK(emptySpans[index] <= kKeptEmptySpans, index);
     }
-    // Rule 2: the ring holds the resident spans, each once, and unpinnedResident is exact.
+    // Rule 2: the ring holds the resident spans, each once; after a sweep that found every span
+    // pinned, none is unpinned until the table says that something was let go.
     unsigned long long ringLength = 0, ringUnpinned = 0, residentSpans = 0, scanMarked = 0;
     if (m_ring.hand() != nullptr) {
         const Span* span = m_ring.hand();
@@ -363,7 +364,7 @@ void VirtualMemoryPool::Engine::verify() const {
             VMM_CHECK(span->resident(), span->firstPage);
             VMM_CHECK(recordAt(span->firstPage) == span, span->firstPage);
             VMM_CHECK(span->ringNext->ringPrev == span, span->firstPage);
-            ringUnpinned += span->pins() == 0;
+            ringUnpinned += !pinned(span);
             scanMarked += (span->hotFlags() & kFastScan) != 0;
             ++ringLength;
             span = span->ringNext;
@@ -375,15 +376,14 @@ void VirtualMemoryPool::Engine::verify() const {
     }
     VMM_CHECK(ringLength == residentSpans, ringLength);
     VMM_CHECK(ringLength == m_ring.size(), ringLength);
-    VMM_CHECK(ringUnpinned == unpinnedResident(), ringUnpinned);
+    VMM_CHECK(!m_allPinned || m_table.released != 0 || ringUnpinned == 0, ringUnpinned);
     // Rule 12: a resident span marked as read in file order has its current entry in the queue.
     unsigned long long scanQueued = 0;
     for (const ScanEntry& entry : m_scanQueue.entries())
         scanQueued +=
             isCurrent(entry) && entry.span->resident() && (entry.span->hotFlags() & kFastScan) != 0;
     VMM_CHECK(scanQueued == scanMarked, scanMarked);
-    VMM_CHECK(resident == m_table.residentBytes, resident);      // rule 3
-    VMM_CHECK(outstanding == outstandingObjects(), outstanding); // rule 7
+    VMM_CHECK(resident == m_table.residentBytes, resident); // rule 3
     VMM_CHECK(bigCounts == m_bigCounts.size(), bigCounts);
     VMM_CHECK(objects == m_counts.objectsCurrent, objects);
     unsigned long long behindBytes = 0;

@@ -18,12 +18,10 @@ bool VirtualMemoryPool::Engine::pin(Span* span, unsigned slot) {
     unsigned char& count = span->counts()[slot];
     if (count == kCountZero) {
         count = kCountZero + 1;
-        ++m_table.firstPins;
-        if (span->pins()++ == 0) {
-            ++m_table.spanPins;
-            if ((span->hotFlags() & kFastScanUsed) != 0) // used twice: no scan span any more
-                span->hotFlags() &= static_cast<unsigned char>(~(kFastScan | kFastScanUsed));
-        }
+        // A used scan span is unpinned (rule 12): this pin uses it twice, so it is no scan
+        // span any more.
+        if ((span->hotFlags() & kFastScanUsed) != 0)
+            span->hotFlags() &= static_cast<unsigned char>(~(kFastScan | kFastScanUsed));
         return true;
     }
     if (count < kCountInTable - 1) {
@@ -39,11 +37,17 @@ void VirtualMemoryPool::Engine::unpin(Span* span, unsigned slot) {
         unpinInTable(span, slot);
         return;
     }
-    if (--count == kCountZero) {
-        ++m_table.lastUnpins;
-        if (--span->pins() == 0)
-            spanUnpinned(span);
-    }
+    if (--count != kCountZero)
+        return;
+    // What the fast path does on its own (rule 15); only a new or scan span, or a store over
+    // its budget, needs to know whether the span is still pinned.
+    m_table.released = 1;
+    unsigned char& flags = span->hotFlags();
+    if ((flags & kFastScan) == 0)
+        flags |= kFastReferenced;
+    if (((flags & (kFastScan | kFastFresh)) != 0 || m_table.residentBytes > m_table.budget) &&
+        !pinned(span))
+        spanUnpinned(span);
 }
 
 // The span's last pin went. A span read in file order earns no second chance from its first
@@ -51,7 +55,6 @@ void VirtualMemoryPool::Engine::unpin(Span* span, unsigned slot) {
 // may have held the store above its budget, and a failed page-out here is retried by the next
 // call that needs room (rule 8).
 void VirtualMemoryPool::Engine::spanUnpinned(Span* span) {
-    ++m_table.spanUnpins;
     unsigned char& flags = span->hotFlags();
     flags |= (flags & kFastScan) != 0 ? kFastScanUsed : kFastReferenced;
     if ((flags & kFastFresh) != 0)
@@ -162,9 +165,6 @@ void* VirtualMemoryPool::Engine::placeObject(Span* span, unsigned slot, PageItem
         m_counts.objectsMax = m_counts.objectsCurrent;
     ++m_counts.allocations;
     hot->counts()[slot] = kCountZero + 1; // a new object has count 1
-    ++m_table.firstPins;
-    if (hot->pinCount++ == 0)
-        ++m_table.spanPins;
     // Mapped for writing: a scan span used twice is none any more.
     hot->flags &= static_cast<unsigned char>(~(kFastScan | kFastScanUsed));
     mappedForWriting(span);
@@ -245,9 +245,18 @@ void VirtualMemoryPool::Engine::deallocate(unsigned long long offset) {
 
 void VirtualMemoryPool::Engine::endObject(Span* span, unsigned slot) {
     const bool resident = span->resident();
-    const bool unpinnedNow = resident && span->counts()[slot] > kCountZero && endPins(span, slot);
-    if (resident)
+    const bool wasPinned = resident && span->counts()[slot] > kCountZero;
+    if (resident) {
+        if (span->counts()[slot] == kCountInTable) // its references go with it
+            m_bigCounts.erase(slotOffset(span, slot));
         span->counts()[slot] = kFreeSlot;
+    }
+    const bool unpinnedNow = wasPinned && !pinned(span);
+    if (wasPinned) { // as a release of its count to 0 would
+        m_table.released = 1;
+        if ((span->hotFlags() & kFastScan) == 0)
+            span->hotFlags() |= kFastReferenced;
+    }
     dropSlot(span, slot);
     if (span->classIndex == kLargeClass) {
         releaseSpan(span);
@@ -262,19 +271,6 @@ void VirtualMemoryPool::Engine::endObject(Span* span, unsigned slot) {
     // (rule 3), as the last dismiss would have.
     if (unpinnedNow && m_table.residentBytes > m_table.budget)
         makeRoom(0);
-}
-
-// The references of an object that is deallocated while pinned go with it; true when that
-// unpinned its span.
-bool VirtualMemoryPool::Engine::endPins(Span* span, unsigned slot) {
-    if (span->counts()[slot] == kCountInTable)
-        m_bigCounts.erase(slotOffset(span, slot));
-    ++m_table.lastUnpins;
-    if (--span->pins() != 0)
-        return false;
-    ++m_table.spanUnpins;
-    span->hotFlags() |= kFastReferenced;
-    return true;
 }
 
 // A small span left with no object stays on its class's list while resident (rule 16); false
@@ -336,18 +332,17 @@ void VirtualMemoryPool::Engine::extractStats(VirtualMemoryStats* stats, unsigned
 unsigned long long VirtualMemoryPool::Engine::outstanding(VirtualMemoryReferenceInfo* info,
                                                           unsigned long long count,
                                                           unsigned long long* total) {
-    // The count is kept; the sum and the list are walked for only when asked for.
-    if (total == nullptr && (info == nullptr || count == 0))
-        return outstandingObjects();
-    unsigned long long sum = 0, written = 0;
-    for (unsigned long long page = 0; page < m_fastPages.size(); ++page) {
-        const Span* span = recordAt(page);
-        if (span == nullptr || span->firstPage != page || !span->resident() || span->pins() == 0)
+    // Read from the slot bytes of the resident spans, where every pinned object lies (rule 7).
+    unsigned long long objects = 0, sum = 0, written = 0;
+    const Span* span = m_ring.hand();
+    for (unsigned long long n = 0; n < m_ring.size(); ++n, span = span->ringNext) {
+        if (!pinned(span))
             continue;
         for (unsigned slot = 0; slot < slotCount(span); ++slot) {
-            const unsigned refs = span->isLive(slot) ? countOf(span, slot) : 0;
-            if (refs == 0)
+            if (span->counts()[slot] <= kCountZero)
                 continue;
+            const unsigned refs = countOf(span, slot);
+            ++objects;
             sum += refs;
             if (info != nullptr && written < count)
                 info[written++] = {slotOffset(span, slot), refs};
@@ -355,7 +350,7 @@ unsigned long long VirtualMemoryPool::Engine::outstanding(VirtualMemoryReference
     }
     if (total != nullptr)
         *total = sum;
-    return outstandingObjects();
+    return objects;
 }
 
 // ------------------------------------------------------------------------------------------
