@@ -22,6 +22,7 @@
 #include "VirtualMemoryPool.h"
 
 #include <cstddef>
+#include <cstdint>
 
 namespace tcmalloc {
 
@@ -255,8 +256,12 @@ inline const void* fastPeek(FastTable& table, unsigned long long offset) {
 /// `from` is held the span stays pinned throughout, so a count of `from` that goes to 0 unpins
 /// nothing: it needs no decision of the engine, and kFastReferenced and `released` are left
 /// for the release that unpins the span to set.
-inline void* fastMove(FastTable& table, unsigned long long from, unsigned long long to,
-                      bool forWriting) {
+///
+/// `fromAddress` must be the address that the mapping of `from` gave (for any other the answer
+/// is null). The result is worked out from it, so that a walk along a list waits on one load
+/// per step, the link in the node, and not also on the page entry of the next node.
+inline void* fastMove(FastTable& table, const void* fromAddress, unsigned long long from,
+                      unsigned long long to, bool forWriting) {
     FastSpan* span;
     const FastPage* entry;
     unsigned char* toCount = fastCount(table, to, span, entry);
@@ -276,11 +281,15 @@ inline void* fastMove(FastTable& table, unsigned long long from, unsigned long l
         static_cast<unsigned char>(f - (kFastCountZero + 1)) >= kFastCountTable - 2 ||
         (forWriting && (span->flags & kFastWriteSlow) != 0))
         return nullptr;
+    // One span, one bias: `to` lies as far from `from` in memory as in offsets.
+    const std::uintptr_t address = reinterpret_cast<std::uintptr_t>(fromAddress) + (to - from);
+    if (address != reinterpret_cast<std::uintptr_t>(entry->bias) + to)
+        return nullptr;
     if (toCount != fromCount) {
         *toCount = static_cast<unsigned char>(t + 1);
         *fromCount = static_cast<unsigned char>(f - 1);
     }
-    return entry->bias + to;
+    return reinterpret_cast<void*>(address);
 }
 
 } // namespace tcmalloc

@@ -163,7 +163,11 @@ private:
             auto from = it == m_model.begin() ? std::prev(m_model.end()) : std::prev(it);
             if (from->second.pins == 0)
                 return;
-            void* address = tcmalloc::fastMove(*m_table, from->first, it->first, true);
+            char* const wrong = static_cast<char*>(from->second.pinnedAt) + 8;
+            check(tcmalloc::fastMove(*m_table, wrong, from->first, it->first, true) == nullptr,
+                  "a move from an address that is not the object's"); // and it changed nothing
+            void* address =
+                tcmalloc::fastMove(*m_table, from->second.pinnedAt, from->first, it->first, true);
             if (address == nullptr && (address = map(it, false, true)) != nullptr)
                 unmap(from->first, false);
             if (address == nullptr)

@@ -126,9 +126,12 @@ private:
     // A tree node moves its reference along a list through the store's fast path.
     friend class HXLVirtualTreeNode;
     // getNode(to) and then the manager's dismiss(from), in one step when the store's fast path
-    // can (both resident in one span); null with nothing done otherwise.
-    HXLVirtualPersistNode* moveNode(unsigned long long from, unsigned long long to) {
-        return static_cast<HXLVirtualPersistNode*>(tcmalloc::fastMove(*m_fast, from, to, true));
+    // can (both resident in one span); null with nothing done otherwise. `fromNode` is the
+    // node at `from`.
+    HXLVirtualPersistNode* moveNode(const void* fromNode, unsigned long long from,
+                                    unsigned long long to) {
+        return static_cast<HXLVirtualPersistNode*>(
+            tcmalloc::fastMove(*m_fast, fromNode, from, to, true));
     }
     // getNode of a nonzero offset that the fast path declined: the manager's getAddress, and
     // HXLOutOfMemoryError for a live node that the store cannot map.

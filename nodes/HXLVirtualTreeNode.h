@@ -169,7 +169,7 @@ private:
     // within one resident span moves the reference in one go, as a walk does mostly.
     HXLVirtualTreeNode* sibling(unsigned long long link, int dismissSelf) {
         if (dismissSelf != 0 && link != 0 && m_container != nullptr)
-            if (HXLVirtualPersistNode* next = m_container->moveNode(m_pageOffset, link))
+            if (HXLVirtualPersistNode* next = m_container->moveNode(this, m_pageOffset, link))
                 return static_cast<HXLVirtualTreeNode*>(next);
         HXLVirtualTreeNode* next = nodeAt(link);
         if (dismissSelf != 0)
