@@ -43,7 +43,13 @@ public:
         /// Throws HXLOutOfMemoryError, having given back the child at hand, when the store
         /// cannot bring the next child back.
         Iterator& operator++() {
-            m_child = HXLVirtualReference<T>(static_cast<T*>(m_child->getNextSibling(0)));
+            // The child at hand moves its reference on to the next, in one step where both are
+            // resident in one span. When the next cannot be brought back it keeps it, and `at`
+            // gives it back on the way out.
+            HXLVirtualReference<T> at(std::move(m_child));
+            T* next = static_cast<T*>(at->getNextSibling(1));
+            at.release(); // moved on to `next`, or given back at the end of the list
+            m_child = HXLVirtualReference<T>(next);
             return *this;
         }
         /// True while a child is at hand: the walk has not reached the end.

@@ -62,6 +62,11 @@ TEST(Faults, ALiveObjectThatCannotComeBackIsAnError) {
              for (HXLVirtualTreeNode* child : HXLVirtualChildren(root))
                  (void)child;
          }},
+        {"a walk past a held child",
+         [&] {
+             for (HXLVirtualTreeNode* child : HXLVirtualChildren(parent.get()))
+                 (void)child;
+         }},
         {"a sibling", [&] { first->getNextSibling(0); }},
         {"the dump", [&] { tree.dumpTree(NULL, os); }},
         {"a dump past a held child", [&] { tree.dumpTree(parent.get(), os); }},
@@ -82,6 +87,11 @@ TEST(Faults, ALiveObjectThatCannotComeBackIsAnError) {
     // What is really absent stays null.
     EXPECT_TRUE(loose->getFirstChild() == NULL && loose->getNextSibling(0) == NULL &&
                 HXLVirtualUTF8String().getString(&tree).empty());
+    // No failed read kept a reference of its own.
+    parent.reset();
+    first.reset();
+    loose.reset();
+    EXPECT_EQ(heldReferences(memMgr), 0u);
 }
 
 // A node class whose dump and onInit throw when asked to.
