@@ -108,10 +108,11 @@ struct alignas(64) FastTable {
     unsigned long long pageCount;     ///< 8: entries in `pages`
     unsigned long long residentBytes; ///< 16: bytes of resident spans
     unsigned long long budget;        ///< 24: the resident budget in bytes
-    /// 32: set to 1 whenever a count goes to 0; the engine clears it when it sweeps, so that a
-    /// sweep that found every span pinned is not repeated until something was let go.
+    /// 32: set to 1 whenever a count goes to 0 (and by the engine when it reads spans ahead);
+    /// the engine clears it when it sweeps, so that a sweep that found every span pinned is not
+    /// repeated until something may have been let go.
     unsigned long long released;
-    unsigned long long reserved0[3]; ///< 40
+    unsigned long long padding[3]; ///< 40: the misuse fields start the next line
     /// 64: misuse seen since the store was made.
     ///
     /// Misuse is what the plain calls met and answered by doing nothing: a Dismiss of an object
@@ -227,9 +228,8 @@ inline bool fastDismiss(FastTable& table, unsigned long long offset) {
 /// else is called on the store: the store is left as fastMapHeld (for writing) and then
 /// fastRelease would leave it, without the counts going up and down, so that only
 /// kFastReferenced and `released` may change. Null with nothing changed wherever that pair would
-/// decline, and the
-/// caller then maps and dismisses as usual. The address is good until the next call on the store
-/// other than fastPeek.
+/// decline, and the caller then maps and dismisses as usual. The address is good until the next
+/// call on the store other than fastPeek.
 inline const void* fastPeek(FastTable& table, unsigned long long offset) {
     FastSpan* span;
     const FastPage* entry;
