@@ -183,7 +183,10 @@ inline void* fastMapHeld(FastTable& table, unsigned long long offset, bool forWr
         return nullptr;
     *count = static_cast<unsigned char>(c + 1);
     hold.count = count;
-    return entry->bias + offset;
+    char* const address = entry->bias + offset;
+    if (address == nullptr) // a resident object's address: said, so that callers need not test it
+        __builtin_unreachable();
+    return address;
 }
 
 /// fastMapHeld without the hold.
@@ -285,6 +288,8 @@ inline void* fastMove(FastTable& table, const void* fromAddress, unsigned long l
     const std::uintptr_t address = reinterpret_cast<std::uintptr_t>(fromAddress) + (to - from);
     if (address != reinterpret_cast<std::uintptr_t>(entry->bias) + to)
         return nullptr;
+    if (address == 0) // a resident object's address: said, so that callers need not test it
+        __builtin_unreachable();
     if (toCount != fromCount) {
         *toCount = static_cast<unsigned char>(t + 1);
         *fromCount = static_cast<unsigned char>(f - 1);
