@@ -152,6 +152,13 @@ inline unsigned char* fastCount(const FastTable& table, unsigned long long offse
     return span->counts() + slot;
 }
 
+/// Whether a count that goes to 0 in a span with these `flags` is the engine's to take: the
+/// span is new or on the scan queue, or the store is over its budget. The engine then asks
+/// whether the span is unpinned.
+inline bool fastUnpinIsEngines(const FastTable& table, unsigned char flags) {
+    return (flags & (kFastScan | kFastFresh)) != 0 || table.residentBytes > table.budget;
+}
+
 /// What a mapping found of its object: the count byte and the span's hot block.
 ///
 /// It stays good from the fastMapHeld that filled it to the fastRelease that answers it, as long
@@ -205,10 +212,9 @@ inline bool fastRelease(FastTable& table, const FastHold& hold) {
     if (static_cast<unsigned char>(c - (kFastCountZero + 1)) >= kFastCountTable - 2)
         return false;
     if (c == kFastCountZero + 1) {
-        // The count goes to 0 and may unpin the span: the engine decides when the span is new
-        // or on the scan queue, or the store is over its budget.
+        // The count goes to 0 and may unpin the span.
         const unsigned char flags = span->flags;
-        if ((flags & (kFastScan | kFastFresh)) != 0 || table.residentBytes > table.budget)
+        if (fastUnpinIsEngines(table, flags))
             return false;
         span->flags = flags | kFastReferenced;
         table.released = 1;
@@ -245,7 +251,7 @@ inline const void* fastPeek(FastTable& table, unsigned long long offset) {
         return nullptr;
     if (c == kFastCountZero) {
         // The pair would take the count back to 0, as fastRelease decides.
-        if ((span->flags & (kFastScan | kFastFresh)) != 0 || table.residentBytes > table.budget)
+        if (fastUnpinIsEngines(table, span->flags))
             return nullptr;
         span->flags |= kFastReferenced;
         table.released = 1;

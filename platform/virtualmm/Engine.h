@@ -648,6 +648,7 @@ private:
     bool pinInTable(Span* span, unsigned slot);
     void unpinInTable(Span* span, unsigned slot);
     void spanUnpinned(Span* span);
+    void countGone(Span* span);
     void takePrint(Span* span);
     void mappedForWriting(Span* span);
     // allocate, whatever the class's spans are like: the general case.

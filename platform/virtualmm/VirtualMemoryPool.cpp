@@ -41,13 +41,16 @@ void VirtualMemoryPool::Engine::unpin(Span* span, unsigned slot) {
         return;
     // What the fast path does on its own (rule 15); only a new or scan span, or a store over
     // its budget, needs to know whether the span is still pinned.
-    m_table.released = 1;
-    unsigned char& flags = span->hotFlags();
-    if ((flags & kFastScan) == 0)
-        flags |= kFastReferenced;
-    if (((flags & (kFastScan | kFastFresh)) != 0 || m_table.residentBytes > m_table.budget) &&
-        !pinned(span))
+    countGone(span);
+    if (fastUnpinIsEngines(m_table, span->hotFlags()) && !pinned(span))
         spanUnpinned(span);
+}
+
+// A count of the resident span went to 0, as every release to 0 marks it, the fast path's too.
+void VirtualMemoryPool::Engine::countGone(Span* span) {
+    m_table.released = 1;
+    if ((span->hotFlags() & kFastScan) == 0)
+        span->hotFlags() |= kFastReferenced;
 }
 
 // The span's last pin went. A span read in file order earns no second chance from its first
@@ -244,18 +247,17 @@ void VirtualMemoryPool::Engine::deallocate(unsigned long long offset) {
 }
 
 void VirtualMemoryPool::Engine::endObject(Span* span, unsigned slot) {
-    const bool resident = span->resident();
-    const bool wasPinned = resident && span->counts()[slot] > kCountZero;
-    if (resident) {
-        if (span->counts()[slot] == kCountInTable) // its references go with it
+    bool unpinnedNow = false;
+    if (span->resident()) {
+        unsigned char& count = span->counts()[slot];
+        const bool wasPinned = count > kCountZero;
+        if (count == kCountInTable) // its references go with it
             m_bigCounts.erase(slotOffset(span, slot));
-        span->counts()[slot] = kFreeSlot;
-    }
-    const bool unpinnedNow = wasPinned && !pinned(span);
-    if (wasPinned) { // as a release of its count to 0 would
-        m_table.released = 1;
-        if ((span->hotFlags() & kFastScan) == 0)
-            span->hotFlags() |= kFastReferenced;
+        count = kFreeSlot;
+        if (wasPinned) { // as a release of its count to 0 would
+            countGone(span);
+            unpinnedNow = !pinned(span);
+        }
     }
     dropSlot(span, slot);
     if (span->classIndex == kLargeClass) {
