@@ -34,6 +34,14 @@ const unsigned char kFastCountZero = 1;    ///< an object with count 0; count n 
 const unsigned char kFastCountTable = 255; ///< the count (254 or more) is kept elsewhere
 /// @}
 
+/// A count byte as the routines below read and write it: a type of its own and not a character
+/// type, so that the compiler knows a count store changes no table field, page entry or hot
+/// block head. A map and the dismiss of the same offset then share one look-up once inlined,
+/// where a character store would make the dismiss load all of it again. The values are those of
+/// the count bytes above. An engine may read and write the same bytes as unsigned char: a
+/// character access is ordered against every other, this type's included.
+enum class FastCount : unsigned char {};
+
 /// Bits of FastSpan::flags.
 enum FastSpanFlag : unsigned char {
     kFastReferenced = 1, ///< a count went to 0 since the engine's clock hand last passed the span
@@ -61,6 +69,8 @@ struct FastSpan {
 
     /// The slot counts, one byte per slot, behind the head.
     unsigned char* counts() { return reinterpret_cast<unsigned char*>(this) + kCountsOffset; }
+    /// The same bytes as the inline routines type them.
+    FastCount* fastCounts() { return reinterpret_cast<FastCount*>(counts()); }
     /// Byte offset of the slot counts in the hot block: the head's size.
     static constexpr std::size_t kCountsOffset = 32;
 };
@@ -136,8 +146,8 @@ static_assert(offsetof(FastTable, layout) == 80, "fast table layout");
 
 /// The count byte of the object at `offset` in a resident span, or null when the offset is in
 /// no resident span or is not the start of a slot. Counts of free slots read kFastFreeSlot.
-inline unsigned char* fastCount(const FastTable& table, unsigned long long offset, FastSpan*& span,
-                                const FastPage*& entry) {
+inline FastCount* fastCount(const FastTable& table, unsigned long long offset, FastSpan*& span,
+                            const FastPage*& entry) {
     const unsigned long long page = offset >> FastTable::kPageShift;
     if (page >= table.pageCount)
         return nullptr;
@@ -149,7 +159,7 @@ inline unsigned char* fastCount(const FastTable& table, unsigned long long offse
     unsigned slot;
     if (!fastSlot(offset - span->base, span->divisor, slot))
         return nullptr;
-    return span->counts() + slot;
+    return span->fastCounts() + slot;
 }
 
 /// Whether a count that goes to 0 in a span with these `flags` is the engine's to take: the
@@ -165,8 +175,8 @@ inline bool fastUnpinIsEngines(const FastTable& table, unsigned char flags) {
 /// as the object is not freed in between: while the object holds the reference that the mapping
 /// took, its span stays resident and keeps its hot block, whatever else is called.
 struct FastHold {
-    FastSpan* span;       ///< the hot block of the object's span
-    unsigned char* count; ///< the object's count byte; null when the mapping was not fast
+    FastSpan* span;   ///< the hot block of the object's span
+    FastCount* count; ///< the object's count byte; null when the mapping was not fast
 };
 
 /// The address of the live resident object at `offset`, with its count raised by 1, when that
@@ -176,19 +186,19 @@ struct FastHold {
 inline void* fastMapHeld(FastTable& table, unsigned long long offset, bool forWriting,
                          FastHold& hold) {
     const FastPage* entry;
-    unsigned char* count = fastCount(table, offset, hold.span, entry);
+    FastCount* count = fastCount(table, offset, hold.span, entry);
     hold.count = nullptr;
     if (count == nullptr)
         return nullptr;
     FastSpan* span = hold.span;
-    const unsigned char c = *count;
+    const unsigned char c = static_cast<unsigned char>(*count);
     // Free slots (0) and counts the byte cannot hold (254, 255) go to the engine.
     if (static_cast<unsigned char>(c - kFastCountZero) >= kFastCountTable - 2)
         return nullptr;
     const unsigned char slow = forWriting ? (kFastWriteSlow | kFastScanUsed) : kFastScanUsed;
     if ((span->flags & slow) != 0)
         return nullptr;
-    *count = static_cast<unsigned char>(c + 1);
+    *count = static_cast<FastCount>(c + 1);
     hold.count = count;
     char* const address = entry->bias + offset;
     if (address == nullptr) // a resident object's address: said, so that callers need not test it
@@ -207,7 +217,7 @@ inline void* fastMap(FastTable& table, unsigned long long offset, bool forWritin
 /// call. `hold` is what fastMapHeld found; see FastHold for how long it is good.
 inline bool fastRelease(FastTable& table, const FastHold& hold) {
     FastSpan* span = hold.span;
-    const unsigned char c = *hold.count;
+    const unsigned char c = static_cast<unsigned char>(*hold.count);
     // Counts 1 to 253 only: no reference held, no object, or a count kept elsewhere go on.
     if (static_cast<unsigned char>(c - (kFastCountZero + 1)) >= kFastCountTable - 2)
         return false;
@@ -219,7 +229,7 @@ inline bool fastRelease(FastTable& table, const FastHold& hold) {
         span->flags = flags | kFastReferenced;
         table.released = 1;
     }
-    *hold.count = static_cast<unsigned char>(c - 1);
+    *hold.count = static_cast<FastCount>(c - 1);
     return true;
 }
 
@@ -242,10 +252,10 @@ inline bool fastDismiss(FastTable& table, unsigned long long offset) {
 inline const void* fastPeek(FastTable& table, unsigned long long offset) {
     FastSpan* span;
     const FastPage* entry;
-    const unsigned char* count = fastCount(table, offset, span, entry);
+    const FastCount* count = fastCount(table, offset, span, entry);
     if (count == nullptr)
         return nullptr;
-    const unsigned char c = *count;
+    const unsigned char c = static_cast<unsigned char>(*count);
     if (static_cast<unsigned char>(c - kFastCountZero) >= kFastCountTable - 2 ||
         (span->flags & (kFastWriteSlow | kFastScanUsed)) != 0)
         return nullptr;
@@ -273,7 +283,7 @@ inline void* fastMove(FastTable& table, const void* fromAddress, unsigned long l
                       unsigned long long to, bool forWriting) {
     FastSpan* span;
     const FastPage* entry;
-    unsigned char* toCount = fastCount(table, to, span, entry);
+    FastCount* toCount = fastCount(table, to, span, entry);
     if (toCount == nullptr)
         return nullptr;
     const unsigned long long delta = from - span->base;
@@ -281,9 +291,9 @@ inline void* fastMove(FastTable& table, const void* fromAddress, unsigned long l
     if (delta >= (static_cast<unsigned long long>(span->pageCount) << FastTable::kPageShift) ||
         !fastSlot(delta, span->divisor, slot))
         return nullptr;
-    unsigned char* fromCount = span->counts() + slot;
-    const unsigned char t = *toCount;
-    const unsigned char f = *fromCount;
+    FastCount* fromCount = span->fastCounts() + slot;
+    const unsigned char t = static_cast<unsigned char>(*toCount);
+    const unsigned char f = static_cast<unsigned char>(*fromCount);
     // `to` must be live with a count the byte holds, `from` held; a held `from` keeps the span
     // pinned, so kFastScanUsed cannot be set.
     if (static_cast<unsigned char>(t - kFastCountZero) >= kFastCountTable - 2 ||
@@ -297,8 +307,8 @@ inline void* fastMove(FastTable& table, const void* fromAddress, unsigned long l
     if (address == 0) // a resident object's address: said, so that callers need not test it
         __builtin_unreachable();
     if (toCount != fromCount) {
-        *toCount = static_cast<unsigned char>(t + 1);
-        *fromCount = static_cast<unsigned char>(f - 1);
+        *toCount = static_cast<FastCount>(t + 1);
+        *fromCount = static_cast<FastCount>(f - 1);
     }
     return reinterpret_cast<void*>(address);
 }
