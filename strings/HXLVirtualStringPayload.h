@@ -132,7 +132,7 @@ template <class Word> bool sameEnds(const char* x, const char* y, unsigned int s
 }
 
 // Whether `size` bytes at `a` and `b` are equal. Names, keys and short values are a few bytes
-// long: 4 to 16 are compared by two overlapping loads from each side, without a call, and
+// long: up to 16 are compared by two overlapping loads from each side, without a call, and
 // never reading outside either range.
 inline bool sameBytes(const void* a, const void* b, unsigned int size) {
     const char* x = static_cast<const char*>(a);
@@ -141,6 +141,10 @@ inline bool sameBytes(const void* a, const void* b, unsigned int size) {
         return sameEnds<unsigned long long>(x, y, size);
     if (size >= 4 && size < 8)
         return sameEnds<unsigned>(x, y, size);
+    if (size >= 2 && size < 4)
+        return sameEnds<unsigned short>(x, y, size);
+    if (size < 2)
+        return size == 0 || x[0] == y[0];
     return std::memcmp(x, y, size) == 0;
 }
 

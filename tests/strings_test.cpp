@@ -74,9 +74,10 @@ TEST(Strings, RoundTripsThroughPagingBlockReuseComparisonsAndNullStores) {
     EXPECT_EQ(u2.isEqual(u1, memMgr) + u2.isEqual(text("same"), memMgr) + i2.isEqual(i1, memMgr) +
                   i2.isEqual(text("same"), memMgr),
               0);
-    // Equal sizes one byte apart, wherever that byte is, are not equal.
+    // Equal sizes one byte apart, wherever that byte is, are not equal; the same bytes are.
     for (size_t size = 1; size <= 20; ++size) {
         u2.setString(text(std::string(size, 'x')), memMgr);
+        EXPECT_EQ(u2.isEqual(text(std::string(size, 'x')), memMgr), 1) << size;
         for (size_t at = 0; at < size; ++at) {
             std::string other(size, 'x');
             other[at] = 'y';
