@@ -125,18 +125,6 @@ public:
 private:
     // A tree node moves its reference along a list through the store's fast path.
     friend class HXLVirtualTreeNode;
-    // getNode, and the cache lines of a resident node's first 128 bytes asked of memory at
-    // once; a prefetch never faults, also past the end of a smaller node.
-    HXLVirtualPersistNode* getNodeFetched(unsigned long long offset) {
-        if (offset == 0)
-            return nullptr;
-        if (void* node = tcmalloc::fastMap(*m_fast, offset, true)) {
-            __builtin_prefetch(static_cast<const char*>(node) + 64);
-            __builtin_prefetch(static_cast<const char*>(node) + 127);
-            return static_cast<HXLVirtualPersistNode*>(node);
-        }
-        return getNodeSlow(offset);
-    }
     // getNode(to) and then the manager's dismiss(from), in one step when the store's fast path
     // can (both resident in one span); null with nothing done otherwise. `fromNode` is the
     // node at `from`.

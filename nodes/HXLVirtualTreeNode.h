@@ -162,14 +162,8 @@ public:
 private:
     // Every node reached through a tree node's link is a tree node. Inline, as the steps of a
     // walk are: one field, one mapping.
-    //
-    // A node found this way is usually far from the last one touched (a first child, a parent),
-    // and its image (72 bytes and a subclass's fields) spans two or three cache lines: they are
-    // asked for together (getNodeFetched), so that reading its links and then its fields waits
-    // for memory once. A sibling step needs no such help: siblings made in order lie side by
-    // side.
     HXLVirtualTreeNode* nodeAt(unsigned long long offset) {
-        return static_cast<HXLVirtualTreeNode*>(m_container->getNodeFetched(offset));
+        return static_cast<HXLVirtualTreeNode*>(m_container->getNode(offset));
     }
     // The neighbour at `link`, mapped before this node is let go (with dismissSelf). A step
     // within one resident span moves the reference in one go, as a walk does mostly.
