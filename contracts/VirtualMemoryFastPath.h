@@ -36,10 +36,9 @@ const unsigned char kFastCountTable = 255; ///< the count (254 or more) is kept 
 
 /// A count byte as the routines below read and write it: a type of its own and not a character
 /// type, so that the compiler knows a count store changes no table field, page entry or hot
-/// block head. A map and the dismiss of the same offset then share one look-up once inlined,
-/// where a character store would make the dismiss load all of it again. The values are those of
-/// the count bytes above. An engine may read and write the same bytes as unsigned char: a
-/// character access is ordered against every other, this type's included.
+/// block head, and need not load them again after one (a character store may change anything).
+/// The values are those of the count bytes above. An engine may read and write the same bytes
+/// as unsigned char: a character access is ordered against every other, this type's included.
 enum class FastCount : unsigned char {};
 
 /// Bits of FastSpan::flags.

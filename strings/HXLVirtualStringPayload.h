@@ -132,8 +132,8 @@ template <class Word> bool sameEnds(const char* x, const char* y, unsigned int s
 }
 
 // Whether `size` bytes at `a` and `b` are equal. Names, keys and short values are a few bytes
-// long: up to 16 are compared by two overlapping loads from each side, without a call, and
-// never reading outside either range.
+// long: up to 16 are compared without a call, by two overlapping loads from each side (one byte
+// for a size of 1), never reading outside either range.
 inline bool sameBytes(const void* a, const void* b, unsigned int size) {
     const char* x = static_cast<const char*>(a);
     const char* y = static_cast<const char*>(b);
